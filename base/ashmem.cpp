@@ -1,0 +1,94 @@
+#include "base/ashmem.h"
+
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+// The Linux ashmem driver's requests (ioctl magic 0x77).
+#define ASHMEM_SET_SIZE _IOW(0x77, 3, size_t)
+#define ASHMEM_GET_SIZE _IO(0x77, 4)
+
+AshMemory::AshMemory(int fd) : mFd(fd), mSize(_getInitSize(fd)), mMemory(nullptr), mDeviceName() {}
+
+AshMemory::AshMemory(size_t size, const char* name)
+    : mFd(-1), mSize(size), mMemory(nullptr), mDeviceName(name != nullptr ? name : "") {}
+
+AshMemory::~AshMemory() { _destroy(); }
+
+void AshMemory::_destroy() {
+    if (mMemory != nullptr) {
+        int result = munmap(mMemory, mSize);
+        if (result != 0) {
+            fprintf(stderr, "[WRN] ashmem:28 munmap(mMemory, mSize) result(%d) errno(%d) %s\n",
+                    result, errno, strerror(errno));
+        }
+        mMemory = nullptr;
+    }
+    if (mFd < 0) {
+        return;
+    }
+    int result = close(mFd);
+    if (result != 0) {
+        fprintf(stderr, "[WRN] ashmem:32 close(mFd) result(%d) errno(%d) %s\n", result, errno,
+                strerror(errno));
+    }
+    mFd = -1;
+}
+
+size_t AshMemory::_getInitSize(int fd) {
+    int result = ioctl(fd, ASHMEM_GET_SIZE);
+    if (result < 0) {
+        fprintf(stderr,
+                "[WRN] ashmem:38 ioctl(fd, (((0U) << (((0+8)+8)+14)) | (((0x77)) << (0+8)) | "
+                "(((4)) << 0) | ((0) << ((0+8)+8)))) result(%d) errno(%d) %s\n",
+                result, errno, strerror(errno));
+        return 0;
+    }
+    return static_cast<size_t>(result);
+}
+
+void* AshMemory::MapMemory() {
+    if (mMemory != nullptr) {
+        return mMemory;
+    }
+    if (mFd < 0) {
+        if (mDeviceName.empty()) {
+            return nullptr;
+        }
+        int fd = open(mDeviceName.c_str(), O_RDWR);
+        if (fd < 0) {
+            fprintf(stderr, "[WRN] ashmem:53 open(mDeviceName.c_str(), 02) result(%d) errno(%d) %s\n",
+                    fd, errno, strerror(errno));
+            mFd = fd;
+            return nullptr;
+        }
+        mFd = fd;
+        int result = ioctl(mFd, ASHMEM_SET_SIZE, mSize);
+        if (result < 0) {
+            fprintf(stderr,
+                    "[WRN] ashmem:57 ioctl(mFd, (((1U) << (((0+8)+8)+14)) | (((0x77)) << (0+8)) | "
+                    "(((3)) << 0) | ((((sizeof(size_t)))) << ((0+8)+8))), mSize) result(%d) "
+                    "errno(%d) %s\n",
+                    result, errno, strerror(errno));
+            return nullptr;
+        }
+    } else if (mSize == 0) {
+        static const char kZeroSize[] = "[ERR] ashmem:60 bad descriptor ??? zero size\n";
+        fwrite(kZeroSize, 1, sizeof(kZeroSize) - 1, stderr);
+        return nullptr;
+    }
+
+    void* memory = mmap(nullptr, mSize, PROT_READ | PROT_WRITE, MAP_SHARED, mFd, 0);
+    if (memory != nullptr && memory != MAP_FAILED) {
+        mMemory = memory;
+        return memory;
+    }
+    fprintf(stderr, "[ERR] ashmem:66 mmap result(%p) errno(%d)\n", memory, errno);
+    mMemory = nullptr;
+    return nullptr;
+}

@@ -1,0 +1,100 @@
+#include "base/log.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+namespace {
+
+constexpr size_t kLineSize = 512;
+constexpr int kMaxPrefix = 256;
+
+const char* const kLevelNames[] = {"DEBUG", "INFO", "WARN", "ERROR", "FATAL"};
+
+std::mutex log_mutex;
+
+// Set by a static initialiser so that logging works before main().
+FILE* log_stream = stdout;
+
+// Lines written from other static initialisers may come before log_stream is set.
+FILE* current_stream() { return log_stream != nullptr ? log_stream : stdout; }
+
+}  // namespace
+
+static LogCloseGuard log_close_guard;
+
+void SvcLogWrite(int level, const char* module, const char* file, int line, const char* fmt, ...) {
+    if (static_cast<unsigned>(level) > SVC_LOG_FATAL) {
+        level = SVC_LOG_FATAL;
+    }
+
+    char buffer[kLineSize];
+    int n = snprintf(buffer, kLineSize, "[%s] [%s] %s:%d ", kLevelNames[level], module, file, line);
+    if (n < 1 || n > kMaxPrefix) {
+        n = 0;  // a failed or oversized prefix is dropped, the message keeps the whole buffer
+    }
+
+    va_list args;
+    va_start(args, fmt);
+    int m = vsnprintf(buffer + n, kLineSize - n, fmt, args);
+    va_end(args);
+    if (m < 0) {
+        m = 0;
+    }
+
+    size_t total = static_cast<size_t>(n) + static_cast<size_t>(m);
+    size_t length;
+    if (total <= kLineSize - 2) {
+        buffer[total] = '\n';
+        length = total + 1;
+    } else {
+        memcpy(buffer + kLineSize - 4, "~~~\n", 4);
+        length = kLineSize;
+    }
+
+    {
+        std::lock_guard<std::mutex> lock(log_mutex);
+        FILE* out = current_stream();
+        fwrite(buffer, 1, length, out);
+        fflush(out);
+    }
+
+    if (level == SVC_LOG_FATAL) {
+        abort();
+    }
+}
+
+void SvcLogFile(const char* path) {
+    std::lock_guard<std::mutex> lock(log_mutex);
+    log_stream = current_stream();
+    if (path != nullptr) {
+        FILE* file = fopen(path, "ab+");
+        if (file == nullptr) {
+            fprintf(log_stream, "切换日志文件失败 %s %d\n", path, errno);
+            fflush(log_stream);
+            return;
+        }
+        fprintf(log_stream, "日志文件切换: %s\n", path);
+        if (log_stream == stdout) {
+            fflush(stdout);
+        } else {
+            fclose(log_stream);
+        }
+        log_stream = file;
+        return;
+    }
+
+    static const char kBackToStdout[] = "日志文件切换: 标准输出\n";
+    fwrite(kBackToStdout, 1, sizeof(kBackToStdout) - 1, log_stream);
+    if (log_stream != stdout) {
+        fclose(log_stream);
+        log_stream = stdout;
+    } else {
+        fflush(stdout);
+    }
+}
+
+LogCloseGuard::~LogCloseGuard() { SvcLogFile(nullptr); }

@@ -1,0 +1,104 @@
+#pragma once
+
+// The wire protocol shared by the service and its clients: the client type msg, the one-byte
+// signals, and the layout of the exchange block in each decoder client's shared memory.
+
+#include <cstddef>
+#include <cstdint>
+
+// Client type msg, byte 0.
+constexpr uint8_t CLIENT_TYPE_SESSION = 1;
+constexpr uint8_t CLIENT_TYPE_ASHMEM_DECODER = 2;
+constexpr uint8_t CLIENT_TYPE_SHM_DECODER = 3;
+
+// Largest client type msg the service reads: type, reserved byte, 255 bytes of shm name.
+constexpr size_t CLIENT_TYPE_MSG_MAX = 257;
+constexpr size_t SHM_NAME_MAX = 255;
+
+// Ping msg to the session client and sync msg to a decoder client.
+constexpr uint8_t SYNC_MSG_BYTE = 0x59;
+constexpr uint8_t PING_MSG_BYTE = 0x59;
+
+// Exchange block layout.
+constexpr size_t SHM_BLOCK_SIZE = 0x2200000;
+constexpr size_t SHM_REQUEST_OFFSET = 0x0;
+constexpr size_t SHM_RESULT_OFFSET = 0x100000;
+constexpr size_t SHM_INPUT_OFFSET = 0x200000;
+constexpr size_t SHM_OUTPUT_OFFSET = 0x1200000;
+constexpr size_t SHM_AREA_SIZE = 0x1000000;
+constexpr size_t SHM_RESULT_SIZE = 24;
+
+// Request codes (request header +0).
+constexpr uint32_t REQUEST_INIT_CODEC = 0;
+constexpr uint32_t REQUEST_RESET_CONTEXT = 1;
+constexpr uint32_t REQUEST_DECODE_FRAME = 2;
+constexpr uint32_t REQUEST_FLUSH = 3;
+constexpr uint32_t REQUEST_CODEC_CONFIG = 4;
+constexpr uint32_t REQUEST_DESTROY_CONTEXT = 5;
+
+constexpr int32_t MEDIA_TYPE_NONE = -1;
+constexpr int32_t MEDIA_TYPE_VIDEO = 0;
+constexpr int32_t MEDIA_TYPE_AUDIO = 1;
+
+constexpr int32_t STATUS_OK = 0;
+constexpr int32_t STATUS_NEED_MORE_DATA = 1;
+constexpr int32_t STATUS_FAILED = -1;
+
+// Request header field offsets. Fields of different requests overlap.
+constexpr size_t REQ_TYPE_OFFSET = 0;
+constexpr size_t REQ_MEDIA_TYPE_OFFSET = 4;
+constexpr size_t REQ_CODEC_INDEX_OFFSET = 8;
+constexpr size_t REQ_DATA_SIZE_OFFSET = 8;
+constexpr size_t REQ_RESET_PARAM_OFFSET = 8;  // three int32: +8, +12, +16
+constexpr size_t REQ_PARAM_OFFSET = 12;       // param1..param7: +12 .. +36
+constexpr size_t REQ_PTS_OFFSET = 16;
+
+// Result area field offsets, relative to SHM_RESULT_OFFSET.
+constexpr size_t RES_STATUS_OFFSET = 0;
+constexpr size_t RES_OUTPUT_SIZE_OFFSET = 8;
+constexpr size_t RES_OUTPUT_PTS_OFFSET = 16;
+
+// Views of the header and result area; both sides run on one host, so host byte order.
+struct ExchangeInitRequest {
+    uint32_t request_type;
+    uint32_t media_type;
+    uint32_t codec_index;
+    int32_t param[7];
+};
+
+struct ExchangeDataRequest {
+    uint32_t request_type;
+    uint32_t reserved;
+    int32_t data_size;
+    int32_t reserved2;
+    int64_t pts;
+};
+
+struct ExchangeResetRequest {
+    uint32_t request_type;
+    uint32_t reserved;
+    int32_t param[3];
+};
+
+struct ExchangeResult {
+    int32_t status;
+    uint32_t reserved;
+    uint32_t output_size;
+    uint32_t reserved2;
+    int64_t output_pts;
+};
+
+static_assert(sizeof(ExchangeInitRequest) == 40, "init request is 40 bytes");
+static_assert(offsetof(ExchangeDataRequest, pts) == REQ_PTS_OFFSET, "pts at +16");
+static_assert(sizeof(ExchangeResult) == SHM_RESULT_SIZE, "result is 24 bytes");
+
+// Codec tables: the row index is the client's codec_index. Values are FFmpeg's AVCodecID numbers,
+// kept here as plain integers so that clients need no FFmpeg headers.
+constexpr int VIDEO_CODEC_COUNT = 11;
+constexpr int AUDIO_CODEC_COUNT = 12;
+
+// FFmpeg codec names of the table rows, for clients that pick a row from a demuxed stream.
+constexpr const char* VIDEO_CODEC_NAMES[VIDEO_CODEC_COUNT] = {
+    "mpeg4", "flv1", "h264", "h263", "hevc", "mpeg2video", "rv40", "vc1", "vp8", "vp9", "wmv2"};
+constexpr const char* AUDIO_CODEC_NAMES[AUDIO_CODEC_COUNT] = {
+    "aac", "ac3", "ape", "dts", "flac", "mp2", "mp3", "cook", "vorbis", "wmav2", "alac", "opus"};

@@ -1,0 +1,123 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include <ev++.h>
+
+#include "base/ashmem.h"
+#include "base/unique_fd.h"
+#include "decoder/exchange_block.h"
+#include "decoder/ffmpeg_compat.h"
+
+// The service side of one decoder client: maps the client's exchange block and serves its
+// requests on a worker thread of its own.
+class MediaDecoder {
+public:
+    template <typename T>
+    using av_ptr = std::unique_ptr<T, std::function<void(T*)>>;
+
+    struct hw_user_data_t {
+        int32_t hw_pix_fmt = AV_PIX_FMT_NONE;
+        AVBufferRef* hw_device_ctx = nullptr;
+    };
+
+    struct video_context_t {
+        av_ptr<AVCodecContext> sw_codec_ctx;
+        av_ptr<AVCodecContext> hw_codec_ctx;
+        std::vector<av_ptr<AVCodecContext>> hw_codec_candidates;
+        av_ptr<SwsContext> sws_ctx;
+        int32_t width = 0;
+        int32_t height = 0;
+        int32_t pix_fmt = 0;
+        int32_t out_width = 0;
+        int32_t out_height = 0;
+        int32_t out_pix_fmt = 0;
+        virtual ~video_context_t();
+    };
+
+    struct audio_context_t {
+        av_ptr<AVCodecContext> codec_ctx;
+        av_ptr<SwrContext> swr_ctx;
+        int32_t in_sample_rate = 0;
+        int32_t in_channels = 0;
+        int64_t in_channel_layout = 0;
+        int32_t in_sample_fmt = 0;
+        int32_t out_sample_rate = 0;
+        int32_t out_channels = 0;
+        int64_t out_channel_layout = 0;
+        int32_t out_sample_fmt = 0;
+        virtual ~audio_context_t();
+    };
+
+    // Test seam for hardware decoding, which this code must exercise on hosts without GPUs.
+    // `create_device` replaces av_hwdevice_ctx_create; `decode_context` replaces the decode of one
+    // context by the video branch (call `real` to run the normal decode). Unset in production.
+    struct hw_seam_t {
+        std::function<int(AVBufferRef** device, AVHWDeviceType type)> create_device;
+        std::function<int(AVCodecContext* ctx, const std::function<int()>& real)> decode_context;
+    };
+    static hw_seam_t* hw_seam;
+
+    MediaDecoder(const std::weak_ptr<ev::async>& notify, int fd, bool is_ashmem);
+    MediaDecoder(const MediaDecoder&) = delete;
+    MediaDecoder& operator=(const MediaDecoder&) = delete;
+    virtual ~MediaDecoder();
+
+    void run();
+
+    static AVPixelFormat get_hw_format(AVCodecContext* ctx, const AVPixelFormat* pix_fmts);
+
+    int32_t media_type = MEDIA_TYPE_NONE;
+    av_ptr<AVFrame> frame;
+    av_ptr<AVPacket> packet;
+    std::unique_ptr<video_context_t> video_ctx;
+    std::unique_ptr<audio_context_t> audio_ctx;
+    bool valid = false;
+    UniqueFd shm_fd;
+    uint8_t* block = nullptr;
+    std::unique_ptr<AshMemory> ashmem;
+    std::unique_ptr<std::thread> worker;
+    std::atomic<int> quit{0};
+    std::atomic<int> request_ready{0};
+    std::mutex request_mutex;
+    std::condition_variable request_cond;
+    std::weak_ptr<ev::async> notify;
+
+private:
+    void media_decoding_thread();
+    void init_codec();
+    void decode_frame();
+    void decode_video_branch();
+    void flush();
+    void codec_config();
+    void reset_context();
+    void destroy_context();
+
+    bool init_video_codec_context(AVCodecID codec_id, int width, int height, int pix_fmt,
+                                  int extradata_size, int out_width, int out_height,
+                                  int out_pix_fmt);
+    bool init_audio_codec_context(AVCodecID codec_id, int param1, int param2, int param3,
+                                  int param4, int param5, int param6, int param7);
+    int decode_video(AVCodecContext* codec_ctx, AVPacket* packet, AVFrame* frame);
+    int decode_audio(AVCodecContext* codec_ctx, AVPacket* packet, AVFrame* frame);
+    int hw_decoder_init(AVCodecContext* ctx, AVHWDeviceType type);
+    int decode_with(AVCodecContext* ctx);
+
+    // Exchange block access.
+    uint8_t* request_header() const { return block + SHM_REQUEST_OFFSET; }
+    uint8_t* input_area() const { return block + SHM_INPUT_OFFSET; }
+    uint8_t* output_area() const { return block + SHM_OUTPUT_OFFSET; }
+    template <typename T>
+    T read_request(size_t offset) const;
+    void write_result(int32_t status, uint32_t output_size, int64_t output_pts);
+    void write_failure() { write_result(STATUS_FAILED, 0, 0); }
+    void clear_result() { write_result(STATUS_OK, 0, 0); }
+    bool append_extradata(AVCodecContext* ctx, int size);
+};

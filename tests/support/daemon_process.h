@@ -1,0 +1,55 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <map>
+#include <string>
+
+// Runs the real media-service binary for a test: a private XDG_RUNTIME_DIR with the socket
+// directory made, standard output captured to a file so the log can be read, and the test hooks
+// preloaded (daemon() keeps the process in the foreground with its streams; ashmem requests are
+// answered on memfd descriptors). The destructor kills and reaps a process still running and
+// removes the temporary directory.
+class DaemonProcess {
+public:
+    struct Options {
+        std::map<std::string, std::string> env;  // extra or overriding environment
+        bool unset_xdg_runtime_dir = false;      // start without XDG_RUNTIME_DIR
+        bool preload_hooks = true;               // false: the unmodified binary (it daemonises)
+        bool create_socket_dir = true;           // make <runtime>/vessa/sockets
+        std::string cwd;                         // working directory; empty: the test's own
+        mode_t umask_value = 022;
+    };
+
+    DaemonProcess();
+    explicit DaemonProcess(Options options);
+    DaemonProcess(const DaemonProcess&) = delete;
+    DaemonProcess& operator=(const DaemonProcess&) = delete;
+    ~DaemonProcess();
+
+    // Starts the process and, when the socket directory exists, waits (bounded) until the log
+    // says the loop runs.
+    bool start();
+    pid_t pid() const { return pid_; }
+    const std::string& runtime_dir() const { return runtime_dir_; }
+    std::string socket_path() const;
+
+    std::string log() const;
+    // Waits until `needle` occurs at least `occurrences` times in the log.
+    bool wait_for_log(const std::string& needle, int timeout_ms, size_t occurrences = 1) const;
+    size_t count_in_log(const std::string& needle) const;
+
+    void signal(int sig) const;
+    // Exit status (WEXITSTATUS, or 128 + signal) once the process ended, -1 on timeout.
+    int wait_exit(int timeout_ms);
+    bool running();
+    int open_fd_count() const;
+    int thread_count() const;
+
+private:
+    Options options_;
+    pid_t pid_ = -1;
+    bool reaped_ = false;
+    std::string runtime_dir_;
+    std::string log_path_;
+};
