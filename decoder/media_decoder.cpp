@@ -1,0 +1,381 @@
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstring>
+
+#include "base/defer_action.h"
+#include "decoder/media_decoder_internal.h"
+
+using namespace decoder_detail;
+
+MediaDecoder::hw_seam_t* MediaDecoder::hw_seam = nullptr;
+
+namespace {
+
+// Rows of the client's codec_index.
+const AVCodecID kVideoCodecs[VIDEO_CODEC_COUNT] = {
+    AV_CODEC_ID_MPEG4, AV_CODEC_ID_FLV1,       AV_CODEC_ID_H264, AV_CODEC_ID_H263,
+    AV_CODEC_ID_HEVC,  AV_CODEC_ID_MPEG2VIDEO, AV_CODEC_ID_RV40, AV_CODEC_ID_VC1,
+    AV_CODEC_ID_VP8,   AV_CODEC_ID_VP9,        AV_CODEC_ID_WMV2,
+};
+
+const AVCodecID kAudioCodecs[AUDIO_CODEC_COUNT] = {
+    AV_CODEC_ID_AAC,  AV_CODEC_ID_AC3,  AV_CODEC_ID_APE,  AV_CODEC_ID_DTS,
+    AV_CODEC_ID_FLAC, AV_CODEC_ID_MP2,  AV_CODEC_ID_MP3,  AV_CODEC_ID_COOK,
+    AV_CODEC_ID_VORBIS, AV_CODEC_ID_WMAV2, AV_CODEC_ID_ALAC, AV_CODEC_ID_OPUS,
+};
+
+// A size from the client is usable only if it fits the input area.
+bool area_size_ok(int32_t size) { return size > 0 && static_cast<size_t>(size) <= SHM_AREA_SIZE; }
+
+}  // namespace
+
+namespace decoder_detail {
+
+MediaDecoder::av_ptr<AVCodecContext> own_codec_context(AVCodecContext* ctx, const char* what) {
+    return MediaDecoder::av_ptr<AVCodecContext>(ctx, [what](AVCodecContext* c) {
+        LOGD("%s", what);
+        avcodec_free_context(&c);
+    });
+}
+
+MediaDecoder::av_ptr<AVCodecContext> own_hw_codec_context(AVCodecContext* ctx) {
+    return MediaDecoder::av_ptr<AVCodecContext>(ctx, [](AVCodecContext* c) {
+        auto* user_data = static_cast<MediaDecoder::hw_user_data_t*>(c->opaque);
+        if (user_data != nullptr) {
+            LOGD("freeing video decoder context's opaque data");
+            if (user_data->hw_device_ctx != nullptr) {
+                av_buffer_unref(&user_data->hw_device_ctx);
+            }
+            delete user_data;
+            c->opaque = nullptr;
+        }
+        LOGD("freeing HW video decoder context");
+        avcodec_free_context(&c);
+    });
+}
+
+MediaDecoder::av_ptr<AVPacket> own_packet(AVPacket* packet, const char* what) {
+    return MediaDecoder::av_ptr<AVPacket>(packet, [what](AVPacket* p) {
+        LOGD("%s", what);
+        av_packet_free(&p);
+    });
+}
+
+MediaDecoder::av_ptr<AVFrame> own_frame(AVFrame* frame, const char* what) {
+    return MediaDecoder::av_ptr<AVFrame>(frame, [what](AVFrame* f) {
+        LOGD("%s", what);
+        av_frame_free(&f);
+    });
+}
+
+}  // namespace decoder_detail
+
+MediaDecoder::video_context_t::~video_context_t() {
+    // Conversion context, candidates in order, chosen context, then the software context.
+    sws_ctx.reset();
+    for (auto& candidate : hw_codec_candidates) {
+        candidate.reset();
+    }
+    hw_codec_candidates.clear();
+    hw_codec_ctx.reset();
+    sw_codec_ctx.reset();
+}
+
+MediaDecoder::audio_context_t::~audio_context_t() {
+    swr_ctx.reset();
+    codec_ctx.reset();
+}
+
+MediaDecoder::MediaDecoder(const std::weak_ptr<ev::async>& notify, int fd, bool is_ashmem)
+    : shm_fd(fd), notify(notify) {
+    if (!is_ashmem) {
+        // Mapping past the end of a smaller object would fault on first access.
+        struct stat st;
+        if (fstat(fd, &st) == 0 && st.st_size < static_cast<off_t>(SHM_BLOCK_SIZE)) {
+            LOGE("shared memory too small: %ld bytes", static_cast<long>(st.st_size));
+            return;
+        }
+        void* mapped = mmap(nullptr, SHM_BLOCK_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        block = static_cast<uint8_t*>(mapped);
+        if (mapped == MAP_FAILED) {
+            LOGE("map shared memory failed: [%d] %s", errno, strerror(errno));
+            return;
+        }
+    } else {
+        ashmem.reset(new AshMemory(shm_fd.release()));
+        block = static_cast<uint8_t*>(ashmem->MapMemory());
+        if (block == nullptr) {
+            LOGE("failed mapping android shared memory");
+            return;
+        }
+        if (ashmem->mSize < SHM_BLOCK_SIZE) {
+            LOGE("shared memory too small: %ld bytes", static_cast<long>(ashmem->mSize));
+            return;
+        }
+    }
+    valid = true;
+}
+
+MediaDecoder::~MediaDecoder() {
+    if (worker && worker->joinable()) {
+        worker->join();
+    }
+    LOGD("ummapping shared memory");
+    if (ashmem) {
+        ashmem.reset();
+    } else if (block != nullptr && block != MAP_FAILED) {
+        munmap(block, SHM_BLOCK_SIZE);
+    }
+}
+
+void MediaDecoder::run() { worker.reset(new std::thread(&MediaDecoder::media_decoding_thread, this)); }
+
+template <typename T>
+T MediaDecoder::read_request(size_t offset) const {
+    T value;
+    memcpy(&value, request_header() + offset, sizeof(T));
+    return value;
+}
+
+void MediaDecoder::write_result(int32_t status, uint32_t output_size, int64_t output_pts) {
+    ExchangeResult result{};
+    result.status = status;
+    result.output_size = output_size;
+    result.output_pts = output_pts;
+    memcpy(block + SHM_RESULT_OFFSET, &result, sizeof(result));
+}
+
+void MediaDecoder::media_decoding_thread() {
+    for (;;) {
+        if (quit.load() == 1) {
+            return;
+        }
+        {
+            std::unique_lock<std::mutex> lock(request_mutex);
+            request_cond.wait(lock, [this] { return request_ready.load() == 1; });
+            request_ready.store(0);
+            if (quit.load() == 1) {
+                return;
+            }
+        }
+
+        switch (read_request<uint32_t>(REQ_TYPE_OFFSET)) {
+            case REQUEST_INIT_CODEC:
+                init_codec();
+                break;
+            case REQUEST_RESET_CONTEXT:
+                reset_context();
+                break;
+            case REQUEST_DECODE_FRAME:
+                decode_frame();
+                break;
+            case REQUEST_FLUSH:
+                flush();
+                break;
+            case REQUEST_CODEC_CONFIG:
+                codec_config();
+                break;
+            case REQUEST_DESTROY_CONTEXT:
+                destroy_context();
+                break;
+            default:
+                LOGW("unknown client request type, stop further processing");
+                quit.store(1);
+                break;
+        }
+
+        if (auto watcher = notify.lock()) {
+            watcher->send();
+        }
+    }
+}
+
+void MediaDecoder::init_codec() {
+    ExchangeInitRequest request;
+    memcpy(&request, request_header(), sizeof(request));
+    const int32_t* p = request.param;
+
+    switch (static_cast<int32_t>(request.media_type)) {
+        case MEDIA_TYPE_VIDEO:
+            media_type = MEDIA_TYPE_VIDEO;
+            if (request.codec_index >= static_cast<uint32_t>(VIDEO_CODEC_COUNT)) {
+                LOGE("unknown video codec specified");
+                quit.store(1);
+            } else if (!init_video_codec_context(kVideoCodecs[request.codec_index], p[0], p[1],
+                                                 p[2], p[3], p[4], p[5], p[6])) {
+                quit.store(1);
+            }
+            break;
+        case MEDIA_TYPE_AUDIO:
+            media_type = MEDIA_TYPE_AUDIO;
+            if (request.codec_index >= static_cast<uint32_t>(AUDIO_CODEC_COUNT)) {
+                LOGE("unknown audio codec specified");
+                quit.store(1);
+            } else if (!init_audio_codec_context(kAudioCodecs[request.codec_index], p[0], p[1],
+                                                 p[2], p[3], p[4], p[5], p[6])) {
+                quit.store(1);
+            }
+            break;
+        default:
+            LOGW("unknown media type specified, initialization failed");
+            quit.store(1);
+            break;
+    }
+}
+
+void MediaDecoder::decode_frame() {
+    LOGD("decode frame");
+    if (!video_ctx && !audio_ctx) {
+        LOGE("decoder context not initialized!!");
+        clear_result();
+        return;
+    }
+    // Without a packet (released by destroy context while a state of the other media type is
+    // still held) there is nothing to decode into.
+    if (!packet || !frame) {
+        LOGE("decoder context not initialized!!");
+        clear_result();
+        return;
+    }
+
+    ExchangeDataRequest request;
+    memcpy(&request, request_header(), sizeof(request));
+    AVPacket* pkt = packet.get();
+    ffcompat::init_packet(pkt);
+    pkt->pts = request.pts;
+    pkt->data = input_area();
+    pkt->size = request.data_size;
+    LOGD("packet size: %d, pts: %ld", pkt->size, static_cast<long>(pkt->pts));
+
+    // Sizes beyond the input area are refused like empty packets.
+    if (!area_size_ok(pkt->size)) {
+        LOGE("wrong packet size passed");
+        write_failure();
+        return;
+    }
+
+    if (media_type == MEDIA_TYPE_VIDEO) {
+        decode_video_branch();
+    } else if (media_type == MEDIA_TYPE_AUDIO) {
+        if (!audio_ctx || !audio_ctx->codec_ctx) {
+            // A reset whose setup failed leaves a state without a decoder.
+            LOGE("decoder context not initialized!!");
+            clear_result();
+            return;
+        }
+        decode_audio(audio_ctx->codec_ctx.get(), pkt, frame.get());
+    }
+}
+
+void MediaDecoder::flush() {
+    LOGD("flush decoder");
+    if (media_type == MEDIA_TYPE_VIDEO) {
+        if (video_ctx) {
+            AVCodecContext* ctx = video_ctx->hw_codec_ctx ? video_ctx->hw_codec_ctx.get()
+                                                          : video_ctx->sw_codec_ctx.get();
+            if (ctx != nullptr) {
+                avcodec_flush_buffers(ctx);
+            }
+        }
+    } else if (media_type == MEDIA_TYPE_AUDIO) {
+        if (audio_ctx && audio_ctx->codec_ctx) {
+            avcodec_flush_buffers(audio_ctx->codec_ctx.get());
+        }
+    }
+}
+
+bool MediaDecoder::append_extradata(AVCodecContext* ctx, int size) {
+    if (!area_size_ok(size)) {
+        LOGE("codec config size out of range: %d", size);
+        return false;
+    }
+    int old = ctx->extradata_size;
+    if (old < 0 || old > INT_MAX - AV_INPUT_BUFFER_PADDING_SIZE - size) {
+        LOGE("codec config size out of range: %d", size);
+        return false;
+    }
+    auto* grown = static_cast<uint8_t*>(
+        av_realloc(ctx->extradata, static_cast<size_t>(old) + size + AV_INPUT_BUFFER_PADDING_SIZE));
+    if (grown == nullptr) {
+        LOGE("codec config buffer alloc failed");
+        return false;
+    }
+    ctx->extradata = grown;
+    ctx->extradata_size = old + size;
+    memcpy(grown + old, input_area(), static_cast<size_t>(size));
+    memset(grown + old + size, 0, AV_INPUT_BUFFER_PADDING_SIZE);
+    return true;
+}
+
+void MediaDecoder::codec_config() {
+    LOGD("codec config");
+    int32_t size = read_request<int32_t>(REQ_DATA_SIZE_OFFSET);
+    if (size <= 0) {
+        return;
+    }
+    if (media_type == MEDIA_TYPE_VIDEO) {
+        if (video_ctx) {
+            if (video_ctx->sw_codec_ctx) {
+                append_extradata(video_ctx->sw_codec_ctx.get(), size);
+            }
+            if (video_ctx->hw_codec_ctx) {
+                append_extradata(video_ctx->hw_codec_ctx.get(), size);
+            }
+        }
+    } else if (media_type == MEDIA_TYPE_AUDIO) {
+        if (audio_ctx && audio_ctx->codec_ctx) {
+            append_extradata(audio_ctx->codec_ctx.get(), size);
+        }
+    }
+}
+
+void MediaDecoder::reset_context() {
+    LOGD("reset context");
+    ExchangeResetRequest request;
+    memcpy(&request, request_header(), sizeof(request));
+    const int32_t* p = request.param;
+
+    if (media_type == MEDIA_TYPE_VIDEO && video_ctx) {
+        std::unique_ptr<video_context_t> old = std::move(video_ctx);
+        // A state left by a failed setup has no codec to rebuild; keep it as it is.
+        if (!old->sw_codec_ctx) {
+            video_ctx = std::move(old);
+        } else {
+            AVCodecID codec_id = old->sw_codec_ctx->codec_id;
+            int width = old->width;
+            int height = old->height;
+            int pix_fmt = old->pix_fmt;
+            old.reset();
+            init_video_codec_context(codec_id, width, height, pix_fmt, 0, p[0], p[1], p[2]);
+        }
+    } else if (media_type == MEDIA_TYPE_AUDIO && audio_ctx) {
+        std::unique_ptr<audio_context_t> old = std::move(audio_ctx);
+        if (!old->codec_ctx) {
+            audio_ctx = std::move(old);
+        } else {
+            AVCodecID codec_id = old->codec_ctx->codec_id;
+            int in_sample_fmt = old->in_sample_fmt;
+            int in_channels = old->in_channels;
+            int in_sample_rate = old->in_sample_rate;
+            old.reset();
+            init_audio_codec_context(codec_id, in_sample_fmt, in_channels, in_sample_rate, 0, p[0],
+                                     p[1], p[2]);
+        }
+    }
+    clear_result();
+}
+
+void MediaDecoder::destroy_context() {
+    LOGD("destroy context");
+    if (media_type == MEDIA_TYPE_VIDEO) {
+        video_ctx.reset();
+    } else if (media_type == MEDIA_TYPE_AUDIO) {
+        audio_ctx.reset();
+    }
+    media_type = MEDIA_TYPE_NONE;
+    frame.reset();
+    packet.reset();
+}

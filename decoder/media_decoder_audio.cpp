@@ -1,0 +1,189 @@
+#include <cstring>
+#include <new>
+
+#include "base/defer_action.h"
+#include "decoder/media_decoder_internal.h"
+
+using namespace decoder_detail;
+
+namespace {
+
+constexpr int kDefaultOutSampleRate = 44100;
+
+}  // namespace
+
+bool MediaDecoder::init_audio_codec_context(AVCodecID codec_id, int param1, int param2,
+                                            int param3, int param4, int param5, int param6,
+                                            int param7) {
+    LOGD("init audio codec context");
+    DeferAction failure([this] { write_failure(); });
+
+    {
+        std::unique_ptr<audio_context_t> previous = std::move(audio_ctx);
+        audio_ctx.reset(new (std::nothrow) audio_context_t());
+    }
+    if (!audio_ctx) {
+        LOGE("out of memory!");
+        return false;
+    }
+    audio_context_t& state = *audio_ctx;
+    state.in_sample_rate = param3;
+    state.in_channels = param2;
+    state.in_channel_layout = ffcompat::default_channel_layout(param2);
+    state.in_sample_fmt = param1;
+    state.out_sample_rate = param7 > 0 ? param7 : kDefaultOutSampleRate;
+    state.out_channels = param6;
+    state.out_sample_fmt = param5;
+    state.out_channel_layout = ffcompat::default_channel_layout(param6);
+
+    const AVCodec* codec = avcodec_find_decoder(codec_id);
+    if (codec == nullptr) {
+        LOGE("audio codec not found");
+        return false;
+    }
+    av_ptr<AVCodecContext> ctx =
+        own_codec_context(avcodec_alloc_context3(codec), "freeing audio decoder context");
+    if (!ctx) {
+        LOGE("audio codec context alloc failed");
+        return false;
+    }
+    ffcompat::set_context_channels(ctx.get(), param2);
+    ctx->sample_fmt = static_cast<AVSampleFormat>(param1);
+    if (param3 > 0) {
+        ctx->sample_rate = param3;
+    }
+    if (param4 > 0 && !append_extradata(ctx.get(), param4)) {
+        return false;
+    }
+    int ret = avcodec_open2(ctx.get(), codec, nullptr);
+    if (ret < 0) {
+        LOGE("audio decoder open failed: %s", AvErrorText(ret).text);
+        return false;
+    }
+
+    av_ptr<AVPacket> new_packet = own_packet(av_packet_alloc(), "freeing audio packet");
+    if (!new_packet) {
+        LOGE("audio packet alloc failed");
+        return false;
+    }
+    av_ptr<AVFrame> new_frame = own_frame(av_frame_alloc(), "freeing audio frame");
+    if (!new_frame) {
+        LOGE("audio frame alloc failed");
+        return false;
+    }
+
+    state.codec_ctx = std::move(ctx);
+    packet = std::move(new_packet);
+    frame = std::move(new_frame);
+
+    clear_result();
+    failure.cancel();
+    return true;
+}
+
+int MediaDecoder::decode_audio(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame* frm) {
+    LOGD("decoding audio frame");
+    DeferAction failure([this] { write_failure(); });
+
+    int ret = avcodec_send_packet(codec_ctx, pkt);
+    if (ret < 0) {
+        LOGE("sending packet to audio decoder failed");
+        return ret;
+    }
+    ret = avcodec_receive_frame(codec_ctx, frm);
+    if (ret == AVERROR_EOF || ret == AVERROR(EAGAIN)) {
+        LOGD("need more data or eof reached");
+        write_result(STATUS_NEED_MORE_DATA, 0, 0);
+        av_frame_unref(frm);
+        failure.cancel();
+        return 0;
+    }
+    if (ret < 0) {
+        LOGE("error receiving audio frame from decoder");
+        return ret;
+    }
+
+    audio_context_t& state = *audio_ctx;
+    const uint64_t frame_layout = ffcompat::frame_channel_layout(frm);
+    const int frame_channels = ffcompat::frame_channels(frm);
+    const int n_in = ffcompat::layout_nb_channels(frame_layout);
+    int64_t layout = static_cast<int64_t>(frame_layout);
+    if (frame_layout == 0 || n_in != frame_channels) {
+        layout = ffcompat::default_channel_layout(frame_channels);
+    }
+
+    const bool reusable = state.swr_ctx && state.in_channels == n_in &&
+                          state.in_channel_layout == layout &&
+                          state.in_sample_rate == frm->sample_rate &&
+                          state.in_sample_fmt == frm->format;
+    if (!reusable) {
+        state.swr_ctx.reset();
+        state.in_sample_rate = frm->sample_rate;
+        state.in_channels = n_in;
+        state.in_channel_layout = layout;
+        state.in_sample_fmt = frm->format;
+
+        av_ptr<SwrContext> swr(
+            ffcompat::alloc_resampler(state.out_channel_layout,
+                                      static_cast<AVSampleFormat>(state.out_sample_fmt),
+                                      state.out_sample_rate, layout,
+                                      static_cast<AVSampleFormat>(frm->format), frm->sample_rate),
+            [](SwrContext* s) {
+                LOGD("freeing SW resample context");
+                swr_free(&s);
+            });
+        if (!swr) {
+            LOGE("resample context alloc failed");
+            return AVERROR(ENOMEM);
+        }
+        ret = swr_init(swr.get());
+        if (ret < 0) {
+            LOGE("resample context init failed");
+            return ret;
+        }
+        state.swr_ctx = std::move(swr);
+    }
+
+    auto** planes = static_cast<uint8_t**>(av_calloc(state.out_channels, sizeof(uint8_t*)));
+    if (planes == nullptr) {
+        LOGE("could not alloc converted sample pointers");
+        return AVERROR(ENOMEM);
+    }
+    DeferAction free_planes([&planes] { av_freep(&planes); });
+
+    const AVSampleFormat out_format = static_cast<AVSampleFormat>(state.out_sample_fmt);
+    int needed = av_samples_get_buffer_size(nullptr, state.out_channels, frm->nb_samples,
+                                            out_format, 0);
+    if (needed < 0) {
+        LOGE("could not get buffer size for target audio samples");
+        return AVERROR_UNKNOWN;
+    }
+    // The converted samples are written straight into the block; never past the output area.
+    if (static_cast<size_t>(needed) > SHM_AREA_SIZE) {
+        LOGE("converted audio exceeds the output area: %d bytes", needed);
+        return AVERROR_UNKNOWN;
+    }
+    if (av_samples_fill_arrays(planes, nullptr, output_area(), state.out_channels,
+                               frm->nb_samples, out_format, 0) < 0) {
+        LOGE("could not fill target audio sample pointers");
+        return AVERROR_UNKNOWN;
+    }
+
+    int n = swr_convert(state.swr_ctx.get(), planes, frm->nb_samples,
+                        const_cast<const uint8_t**>(frm->extended_data), frm->nb_samples);
+    if (n < 0) {
+        LOGE("could not convert audio samples");
+        return n;
+    }
+
+    const uint32_t output_size =
+        static_cast<uint32_t>(n * state.out_channels * av_get_bytes_per_sample(out_format));
+    const int64_t output_pts = read_request<int64_t>(REQ_PTS_OFFSET) +
+                               static_cast<int64_t>(n) * 1000000 / state.out_sample_rate;
+    write_result(STATUS_OK, output_size, output_pts);
+    LOGD("audio frames: %d, frame size: %d, pts: %ld", n, static_cast<int>(output_size),
+         static_cast<long>(output_pts));
+
+    failure.cancel();
+    return 0;
+}

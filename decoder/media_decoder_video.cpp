@@ -1,0 +1,313 @@
+#include <cstring>
+#include <new>
+
+#include "base/defer_action.h"
+#include "decoder/media_decoder_internal.h"
+
+using namespace decoder_detail;
+
+namespace {
+
+// Hardware device types, in the order their contexts are tried.
+const char* const kHwDeviceTypes[] = {"vdpau", "cuda", "vaapi"};
+
+// Output pixel formats beyond the FFmpeg 4 enumeration (and negative values) mean YUV420P.
+constexpr uint32_t kPixFmtLimit = 187;
+
+const char* device_type_name(AVHWDeviceType type) {
+    const char* name = av_hwdevice_get_type_name(type);
+    return name != nullptr ? name : "none";
+}
+
+const char* pix_fmt_name(int format) {
+    const char* name = av_get_pix_fmt_name(static_cast<AVPixelFormat>(format));
+    return name != nullptr ? name : "none";
+}
+
+}  // namespace
+
+bool MediaDecoder::init_video_codec_context(AVCodecID codec_id, int width, int height, int pix_fmt,
+                                            int extradata_size, int out_width, int out_height,
+                                            int out_pix_fmt) {
+    LOGD("init video codec context");
+    DeferAction failure([this] { write_failure(); });
+
+    {
+        std::unique_ptr<video_context_t> previous = std::move(video_ctx);
+        video_ctx.reset(new (std::nothrow) video_context_t());
+    }
+    if (!video_ctx) {
+        LOGE("out of memory!");
+        return false;
+    }
+    video_context_t& state = *video_ctx;
+    state.width = width;
+    state.height = height;
+    state.pix_fmt = pix_fmt;
+    state.out_width = out_width;
+    state.out_height = out_height;
+    state.out_pix_fmt = static_cast<uint32_t>(out_pix_fmt) >= kPixFmtLimit ? AV_PIX_FMT_YUV420P
+                                                                           : out_pix_fmt;
+
+    const AVCodec* codec = avcodec_find_decoder(codec_id);
+    if (codec == nullptr) {
+        LOGE("video codec not found");
+        return false;
+    }
+
+    av_ptr<AVCodecContext> sw_ctx =
+        own_codec_context(avcodec_alloc_context3(codec), "freeing video decoder context");
+    if (!sw_ctx) {
+        LOGE("codec context alloc failed");
+        return false;
+    }
+    sw_ctx->codec_type = AVMEDIA_TYPE_VIDEO;
+    sw_ctx->width = width;
+    sw_ctx->height = height;
+    sw_ctx->pix_fmt = static_cast<AVPixelFormat>(pix_fmt);
+    if (extradata_size > 0 && !append_extradata(sw_ctx.get(), extradata_size)) {
+        return false;
+    }
+    if (avcodec_open2(sw_ctx.get(), codec, nullptr) < 0) {
+        LOGE("video decoder open failed");
+        return false;
+    }
+
+    av_ptr<AVPacket> new_packet = own_packet(av_packet_alloc(), "freeing video packet");
+    if (!new_packet) {
+        LOGE("video packet alloc failed");
+        return false;
+    }
+    av_ptr<AVFrame> new_frame = own_frame(av_frame_alloc(), "freeing video frame");
+    if (!new_frame) {
+        LOGE("video frame alloc failed");
+        return false;
+    }
+
+    std::vector<av_ptr<AVCodecContext>> candidates;
+    for (const char* name : kHwDeviceTypes) {
+        AVHWDeviceType type = av_hwdevice_find_type_by_name(name);
+
+        int hw_pix_fmt = AV_PIX_FMT_NONE;
+        for (int i = 0;; ++i) {
+            const AVCodecHWConfig* config = avcodec_get_hw_config(codec, i);
+            if (config == nullptr) {
+                break;
+            }
+            if ((config->methods & AV_CODEC_HW_CONFIG_METHOD_HW_DEVICE_CTX) &&
+                config->device_type == type) {
+                hw_pix_fmt = config->pix_fmt;
+                LOGD("hw pix fmt: %s", pix_fmt_name(hw_pix_fmt));
+                break;
+            }
+        }
+        if (hw_pix_fmt == AV_PIX_FMT_NONE) {
+            LOGE("decoder %s does not support device type %s", codec->name,
+                 device_type_name(type));
+        }
+
+        av_ptr<AVCodecContext> hw_ctx = own_hw_codec_context(avcodec_alloc_context3(codec));
+        if (!hw_ctx) {
+            LOGE("codec context alloc failed");
+            continue;
+        }
+        hw_ctx->codec_type = AVMEDIA_TYPE_VIDEO;
+        hw_ctx->width = width;
+        hw_ctx->height = height;
+        auto* user_data = new (std::nothrow) hw_user_data_t();
+        if (user_data != nullptr) {
+            user_data->hw_pix_fmt = hw_pix_fmt;
+        }
+        hw_ctx->opaque = user_data;
+        hw_ctx->get_format = &MediaDecoder::get_hw_format;
+        if (extradata_size > 0 && !append_extradata(hw_ctx.get(), extradata_size)) {
+            continue;
+        }
+        if (hw_decoder_init(hw_ctx.get(), type) < 0) {
+            LOGE("failed to initialize HW decoder");
+            continue;
+        }
+        int ret = avcodec_open2(hw_ctx.get(), codec, nullptr);
+        if (ret < 0) {
+            LOGE("failed to open codec: %s", AvErrorText(ret).text);
+            continue;
+        }
+        candidates.push_back(std::move(hw_ctx));
+    }
+
+    state.sw_codec_ctx = std::move(sw_ctx);
+    for (auto& candidate : candidates) {
+        state.hw_codec_candidates.push_back(std::move(candidate));
+    }
+    packet = std::move(new_packet);
+    frame = std::move(new_frame);
+
+    clear_result();
+    failure.cancel();
+    return true;
+}
+
+int MediaDecoder::hw_decoder_init(AVCodecContext* ctx, AVHWDeviceType type) {
+    auto* user_data = static_cast<hw_user_data_t*>(ctx->opaque);
+    if (user_data == nullptr) {
+        LOGE("failed to get user data from codec context");
+        return -1;
+    }
+    int err = (hw_seam != nullptr && hw_seam->create_device)
+                  ? hw_seam->create_device(&user_data->hw_device_ctx, type)
+                  : av_hwdevice_ctx_create(&user_data->hw_device_ctx, type, nullptr, nullptr, 0);
+    if (err < 0) {
+        LOGE("failed to create specified HW device: %s", AvErrorText(err).text);
+        return err;
+    }
+    ctx->hw_device_ctx = av_buffer_ref(user_data->hw_device_ctx);
+    return err;
+}
+
+AVPixelFormat MediaDecoder::get_hw_format(AVCodecContext* ctx, const AVPixelFormat* pix_fmts) {
+    auto* user_data = ctx != nullptr ? static_cast<hw_user_data_t*>(ctx->opaque) : nullptr;
+    if (user_data == nullptr) {
+        LOGE("failed to get user data from codec context");
+        return AV_PIX_FMT_NONE;
+    }
+    for (const AVPixelFormat* p = pix_fmts; p != nullptr && *p != AV_PIX_FMT_NONE; ++p) {
+        if (*p == user_data->hw_pix_fmt) {
+            LOGD("get_hw_format: %s", pix_fmt_name(*p));
+            return *p;
+        }
+    }
+    LOGE("failed to get HW surface format");
+    return AV_PIX_FMT_NONE;
+}
+
+int MediaDecoder::decode_with(AVCodecContext* ctx) {
+    if (hw_seam != nullptr && hw_seam->decode_context) {
+        return hw_seam->decode_context(
+            ctx, [this, ctx] { return decode_video(ctx, packet.get(), frame.get()); });
+    }
+    return decode_video(ctx, packet.get(), frame.get());
+}
+
+void MediaDecoder::decode_video_branch() {
+    video_context_t* state = video_ctx.get();
+    if (state == nullptr || !state->sw_codec_ctx) {
+        // A reset whose setup failed leaves a state without contexts.
+        LOGE("decoder context not initialized!!");
+        clear_result();
+        return;
+    }
+    if (state->hw_codec_ctx) {
+        decode_with(state->hw_codec_ctx.get());
+        return;
+    }
+    auto& candidates = state->hw_codec_candidates;
+    if (candidates.empty()) {
+        decode_with(state->sw_codec_ctx.get());
+        return;
+    }
+    for (auto it = candidates.begin(); it != candidates.end(); ++it) {
+        if (decode_with(it->get()) >= 0) {
+            state->hw_codec_ctx = std::move(*it);
+            candidates.erase(it);
+            break;
+        }
+    }
+    // The chosen context decodes the packet again; its result is the one the client sees.
+    decode_with(state->hw_codec_ctx ? state->hw_codec_ctx.get() : state->sw_codec_ctx.get());
+}
+
+int MediaDecoder::decode_video(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame* frm) {
+    DeferAction failure([this, frm] {
+        av_frame_unref(frm);
+        write_failure();
+    });
+    LOGD("decoding video frame");
+
+    int ret = avcodec_send_packet(codec_ctx, pkt);
+    if (ret < 0) {
+        LOGE("error sending a packet for decoding: %s", AvErrorText(ret).text);
+        return ret;
+    }
+
+    av_ptr<AVFrame> sw_frame = own_frame(av_frame_alloc(), "freeing temp SW frame");
+    if (!sw_frame) {
+        LOGE("out of memory!!");
+        return AVERROR(ENOMEM);
+    }
+
+    ret = avcodec_receive_frame(codec_ctx, frm);
+    if (ret == AVERROR(EAGAIN) || ret == AVERROR_EOF) {
+        LOGD("need more data or eof reached");
+        write_result(STATUS_NEED_MORE_DATA, 0, 0);
+        av_frame_unref(frm);
+        failure.cancel();
+        return 0;
+    }
+    if (ret < 0) {
+        LOGE("error decoding packet");
+        return ret;
+    }
+
+    AVFrame* source = frm;
+    auto* user_data = static_cast<hw_user_data_t*>(codec_ctx->opaque);
+    if (codec_ctx->hw_device_ctx != nullptr && user_data != nullptr &&
+        frm->format == user_data->hw_pix_fmt) {
+        ret = av_hwframe_transfer_data(sw_frame.get(), frm, 0);
+        if (ret < 0) {
+            LOGE("error transferring HW frame to SW frame");
+            return ret;
+        }
+        source = sw_frame.get();
+    }
+
+    video_context_t& state = *video_ctx;
+    const AVPixelFormat out_format = static_cast<AVPixelFormat>(state.out_pix_fmt);
+    SwsContext* sws = sws_getCachedContext(
+        state.sws_ctx.release(), source->width, source->height,
+        static_cast<AVPixelFormat>(source->format), state.out_width, state.out_height, out_format,
+        SWS_BILINEAR, nullptr, nullptr, nullptr);
+    if (sws == nullptr) {
+        LOGE("cannot initialize convertion context");
+        return AVERROR(ENOMEM);
+    }
+    state.sws_ctx = av_ptr<SwsContext>(sws, [](SwsContext* s) {
+        LOGD("freeing SW scale context");
+        sws_freeContext(s);
+    });
+
+    // Refuse a picture that cannot fit before allocating and converting it, so that a client
+    // asking for a huge output size cannot make the service allocate gigabytes.
+    int size = av_image_get_buffer_size(out_format, state.out_width, state.out_height, 1);
+    if (size > static_cast<int>(SHM_AREA_SIZE)) {
+        LOGE("output image size overflow!!");
+        return AVERROR_BUG;
+    }
+
+    uint8_t* planes[4] = {nullptr};
+    int linesizes[4] = {0};
+    size = av_image_alloc(planes, linesizes, state.out_width, state.out_height, out_format, 1);
+    if (size < 0) {
+        LOGE("image buffer alloc failed");
+        return size;
+    }
+    DeferAction free_picture([&planes] { av_freep(&planes[0]); });
+
+    sws_scale(sws, source->data, source->linesize, 0, source->height, planes, linesizes);
+
+    int copied = av_image_copy_to_buffer(output_area(), size, planes, linesizes, out_format,
+                                         state.out_width, state.out_height, 1);
+    if (copied < 0) {
+        LOGE("copy image to output buffer failed");
+        return copied;
+    }
+    // Everything after the picture is cleared, so stale bytes never reach the client.
+    memset(output_area() + copied, 0, SHM_AREA_SIZE - static_cast<size_t>(copied));
+
+    int64_t pts = frm->best_effort_timestamp;
+    write_result(STATUS_OK, static_cast<uint32_t>(copied), pts);
+    LOGD("video frame size: %d, pts: %ld", copied, static_cast<long>(pts));
+
+    failure.cancel();
+    av_frame_unref(frm);
+    return 0;
+}
