@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "base/defer_action.h"
+#include "base/shm_guard.h"
 #include "decoder/media_decoder_internal.h"
 
 using namespace decoder_detail;
@@ -22,13 +23,15 @@ const AVCodecID kVideoCodecs[VIDEO_CODEC_COUNT] = {
 };
 
 const AVCodecID kAudioCodecs[AUDIO_CODEC_COUNT] = {
-    AV_CODEC_ID_AAC,  AV_CODEC_ID_AC3,  AV_CODEC_ID_APE,  AV_CODEC_ID_DTS,
-    AV_CODEC_ID_FLAC, AV_CODEC_ID_MP2,  AV_CODEC_ID_MP3,  AV_CODEC_ID_COOK,
+    AV_CODEC_ID_AAC,    AV_CODEC_ID_AC3,   AV_CODEC_ID_APE,  AV_CODEC_ID_DTS,
+    AV_CODEC_ID_FLAC,   AV_CODEC_ID_MP2,   AV_CODEC_ID_MP3,  AV_CODEC_ID_COOK,
     AV_CODEC_ID_VORBIS, AV_CODEC_ID_WMAV2, AV_CODEC_ID_ALAC, AV_CODEC_ID_OPUS,
 };
 
 // A size from the client is usable only if it fits the input area.
-bool area_size_ok(int32_t size) { return size > 0 && static_cast<size_t>(size) <= SHM_AREA_SIZE; }
+bool area_size_ok(int32_t size) {
+    return size > 0 && static_cast<size_t>(size) <= SHM_AREA_SIZE;
+}
 
 }  // namespace
 
@@ -116,6 +119,7 @@ MediaDecoder::MediaDecoder(const std::weak_ptr<ev::async>& notify, int fd, bool 
             return;
         }
     }
+    guard_slot = ShmGuard::add(block, ashmem ? ashmem->mSize : SHM_BLOCK_SIZE);
     valid = true;
 }
 
@@ -124,6 +128,7 @@ MediaDecoder::~MediaDecoder() {
         worker->join();
     }
     LOGD("ummapping shared memory");
+    ShmGuard::remove(guard_slot);
     if (ashmem) {
         ashmem.reset();
     } else if (block != nullptr && block != MAP_FAILED) {
@@ -131,7 +136,9 @@ MediaDecoder::~MediaDecoder() {
     }
 }
 
-void MediaDecoder::run() { worker.reset(new std::thread(&MediaDecoder::media_decoding_thread, this)); }
+void MediaDecoder::run() {
+    worker.reset(new std::thread(&MediaDecoder::media_decoding_thread, this));
+}
 
 template <typename T>
 T MediaDecoder::read_request(size_t offset) const {
@@ -162,35 +169,53 @@ void MediaDecoder::media_decoding_thread() {
             }
         }
 
-        switch (read_request<uint32_t>(REQ_TYPE_OFFSET)) {
-            case REQUEST_INIT_CODEC:
-                init_codec();
-                break;
-            case REQUEST_RESET_CONTEXT:
-                reset_context();
-                break;
-            case REQUEST_DECODE_FRAME:
-                decode_frame();
-                break;
-            case REQUEST_FLUSH:
-                flush();
-                break;
-            case REQUEST_CODEC_CONFIG:
-                codec_config();
-                break;
-            case REQUEST_DESTROY_CONTEXT:
-                destroy_context();
-                break;
-            default:
-                LOGW("unknown client request type, stop further processing");
-                quit.store(1);
-                break;
+        const uint32_t request_type = read_request<uint32_t>(REQ_TYPE_OFFSET);
+        // A header read from a vanished object reads as zeros; do not act on it.
+        if (!check_block_lost()) {
+            dispatch(request_type);
+            check_block_lost();
         }
 
         if (auto watcher = notify.lock()) {
             watcher->send();
         }
     }
+}
+
+void MediaDecoder::dispatch(uint32_t request_type) {
+    switch (request_type) {
+        case REQUEST_INIT_CODEC:
+            init_codec();
+            break;
+        case REQUEST_RESET_CONTEXT:
+            reset_context();
+            break;
+        case REQUEST_DECODE_FRAME:
+            decode_frame();
+            break;
+        case REQUEST_FLUSH:
+            flush();
+            break;
+        case REQUEST_CODEC_CONFIG:
+            codec_config();
+            break;
+        case REQUEST_DESTROY_CONTEXT:
+            destroy_context();
+            break;
+        default:
+            LOGW("unknown client request type, stop further processing");
+            quit.store(1);
+            break;
+    }
+}
+
+bool MediaDecoder::check_block_lost() {
+    if (block_lost.load() == 0 && ShmGuard::lost(guard_slot)) {
+        LOGE("shared memory block lost, dropping decoder client");
+        block_lost.store(1);
+        quit.store(1);
+    }
+    return block_lost.load() != 0;
 }
 
 void MediaDecoder::init_codec() {

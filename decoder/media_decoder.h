@@ -90,7 +90,15 @@ public:
     std::condition_variable request_cond;
     std::weak_ptr<ev::async> notify;
 
+    // Set by the worker when the client's object shrank under the mapping (the block now reads
+    // zero): the worker has ended and the client must be dropped.
+    std::atomic<int> block_lost{0};
+
 private:
+    void dispatch(uint32_t request_type);
+    bool check_block_lost();
+    int guard_slot = -1;
+
     void media_decoding_thread();
     void init_codec();
     void decode_frame();
