@@ -1,0 +1,126 @@
+#pragma once
+
+// The socket server of the service. Everything here runs on the loop thread; the only other
+// threads are the decoder workers, which meet the loop through their decoder's flags (stored under
+// its request_mutex) and the handle's ev::async.
+//
+// Why things are ordered as they are:
+// - No handle is destroyed inside its own callback. A session or decoder client that ends feeds an
+//   event to a never-started watcher (session_terminate_io, decoder_purge_io); its callback runs
+//   later in the same loop iteration, after the handler has returned, and does the destruction.
+// - A decoder handle declares fd first and decoder before io and notify, so on destruction the
+//   notify watcher is released and io stopped first, then the decoder joins its worker, and only
+//   then is the client's socket closed: a client never sees its connection closed while a worker
+//   may still write into its block. The worker must have been told to quit before (by the end of
+//   the client or by stop()), because the decoder's destructor only joins.
+// - notify is shared with the worker for the length of one ev_async_send; the handle stops it on
+//   the loop thread before letting go, so whichever side drops the last reference frees an
+//   inactive watcher.
+// - The server destroys the listening handle first (no new or pending clients can appear), then
+//   the session, then the decoders in registration order.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <ev++.h>
+
+#include "base/unique_fd.h"
+#include "decoder/media_decoder.h"
+
+class DeferAction;
+
+// Program name (basename of argv[0]) of process `pid`, or an empty string when it cannot be read.
+std::string get_process_exe_name(int pid);
+
+class MediaServer {
+  public:
+    struct listen_handle_t {
+        UniqueFd fd;
+        std::unique_ptr<ev::io> io;
+        std::vector<std::unique_ptr<ev::io>> pending_ios;
+        // Pauses accepting for a moment when the process is out of descriptors or memory:
+        // the listening socket stays readable then, and retrying at once would spin.
+        std::unique_ptr<ev::timer> accept_retry_timer;
+
+        listen_handle_t() = default;
+        listen_handle_t(const listen_handle_t&) = delete;
+        listen_handle_t& operator=(const listen_handle_t&) = delete;
+        virtual ~listen_handle_t();
+    };
+
+    struct session_handle_t {
+        int pid = -1;
+        int first_ping_sent = 0;
+        std::string exe_name;
+        UniqueFd fd;
+        std::unique_ptr<ev::io> io;
+        std::unique_ptr<ev::timer> timer;
+        double last_response_time = 0.0;
+        std::function<void(const session_handle_t*)> on_terminate;
+
+        session_handle_t();
+        session_handle_t(const session_handle_t&) = delete;
+        session_handle_t& operator=(const session_handle_t&) = delete;
+        virtual ~session_handle_t();
+
+        void on_session_io_event(ev::io& watcher, int revents);
+        void on_session_timer_event(ev::timer& watcher, int revents);
+
+      private:
+        void end_session();
+    };
+
+    struct decoder_handle_t {
+        UniqueFd fd;
+        std::unique_ptr<MediaDecoder> decoder;
+        std::unique_ptr<ev::io> io;
+        std::shared_ptr<ev::async> notify;
+        std::function<void(const decoder_handle_t*)> on_terminate;
+
+        decoder_handle_t() = default;
+        decoder_handle_t(const decoder_handle_t&) = delete;
+        decoder_handle_t& operator=(const decoder_handle_t&) = delete;
+        virtual ~decoder_handle_t();
+
+        void on_decoder_client_io_event(ev::io& io, int revents);
+        void on_decoder_notify_event(ev::async& watcher, int revents);
+
+      private:
+        void decoder_gone();
+    };
+
+    explicit MediaServer(const std::string& path);
+    MediaServer(const MediaServer&) = delete;
+    MediaServer& operator=(const MediaServer&) = delete;
+    virtual ~MediaServer();
+
+    UniqueFd listen();
+    void on_server_listen_event(ev::io& watcher, int revents);
+    void on_accept_retry_timer_event(ev::timer& watcher, int revents);
+    void on_pending_io_event(ev::io& io, int revents);
+    void on_session_terminate_io_event(ev::io& watcher, int revents);
+    void on_decoder_purge_io_event(ev::io& watcher, int revents);
+
+    void on_media_server_stopped(const std::function<void()>& callback);
+    void stop();
+
+    std::string socket_path;
+    std::unique_ptr<listen_handle_t> listen_handle;
+    std::unique_ptr<session_handle_t> session_handle;
+    std::vector<std::unique_ptr<decoder_handle_t>> decoder_handles;
+    std::unique_ptr<ev::io> session_terminate_io;
+    std::unique_ptr<ev::io> decoder_purge_io;
+    std::vector<const decoder_handle_t*> purge_list;
+    std::function<void()> stopped_callback;
+
+  private:
+    // Both cancel `drop_pending` once the connection is registered.
+    void register_session(ev::io& io, int session_pid, DeferAction& drop_pending);
+    void register_decoder(ev::io& io, uint8_t client_type, const char* shm_name,
+                          UniqueFd received_fd, DeferAction& drop_pending);
+    // Moves the pending watcher of `fd` out of pending_ios; null when it is not there.
+    std::unique_ptr<ev::io> take_pending(int fd);
+};

@@ -1,0 +1,73 @@
+#define LOG_MODULE "runtime"
+#define LOG_FILE "runtime"
+
+#include "service/runtime.h"
+
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "base/log.h"
+
+namespace {
+
+constexpr size_t SOCKET_PATH_SIZE = 4096;
+constexpr const char* SOCKET_NAME = "media-service.socket";
+
+}  // namespace
+
+Runtime::Runtime() {
+    // Throws ev::bad_loop when libev cannot set up its default loop (e.g. a bad LIBEV_FLAGS);
+    // nothing can run without it, so it is left uncaught.
+    loop.reset(new ev::default_loop(0));
+
+    sigterm_watcher.reset(new ev::sig(*loop));
+    sigint_watcher.reset(new ev::sig(*loop));
+    sighup_watcher.reset(new ev::sig(*loop));
+
+    sigterm_watcher->set<Runtime, &Runtime::on_singal_event>(this);
+    sigterm_watcher->start(SIGTERM);
+    sigint_watcher->set<Runtime, &Runtime::on_singal_event>(this);
+    sigint_watcher->start(SIGINT);
+    // Caught so that a hangup does not end the service.
+    sighup_watcher->set<Runtime, &Runtime::on_singal_event>(this);
+    sighup_watcher->start(SIGHUP);
+
+    char path[SOCKET_PATH_SIZE] = {};
+    const char* runtime_dir = getenv("XDG_RUNTIME_DIR");
+    if (runtime_dir != nullptr) {
+        snprintf(path, sizeof(path), "%s/vessa/sockets/%s", runtime_dir, SOCKET_NAME);
+    } else {
+        snprintf(path, sizeof(path), "/run/user/%u/vessa/sockets/%s", geteuid(), SOCKET_NAME);
+    }
+
+    media_server.reset(new MediaServer(std::string(path)));
+    media_server->on_media_server_stopped([this] {
+        LOGD("media server stopped, now quiting...");
+        ev_break(*loop, EVBREAK_ONE);
+    });
+}
+
+Runtime::~Runtime() = default;
+
+void Runtime::run() {
+    if (!loop) {
+        return;
+    }
+    LOGD("starting media service...");
+    ev_run(*loop, 0);
+    LOGD("stopping media service...");
+}
+
+void Runtime::on_singal_event(ev::sig& watcher, int /*revents*/) {
+    int signum = watcher.signum;
+    if (signum == SIGTERM || signum == SIGINT) {
+        if (media_server) {
+            media_server->stop();
+        }
+        ev_break(*loop, EVBREAK_ONE);
+    }
+}

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <memory>
+
+#include <ev++.h>
+
+#include "server/media_server.h"
+
+// The process: the default event loop, the signals that end it, and the one media server.
+// Members are destroyed in reverse order: the server (with every client and decoder) first, then
+// the signal watchers, then the loop wrapper.
+class Runtime {
+  public:
+    Runtime();
+    Runtime(const Runtime&) = delete;
+    Runtime& operator=(const Runtime&) = delete;
+    virtual ~Runtime();
+
+    // Runs the loop until a stop request breaks it.
+    void run();
+    void on_singal_event(ev::sig& watcher, int revents);
+
+    std::unique_ptr<ev::default_loop> loop;
+    std::unique_ptr<ev::sig> sigterm_watcher;
+    std::unique_ptr<ev::sig> sigint_watcher;
+    std::unique_ptr<ev::sig> sighup_watcher;
+    std::unique_ptr<MediaServer> media_server;
+};
