@@ -140,15 +140,6 @@ void MediaDecoder::run() {
     worker.reset(new std::thread(&MediaDecoder::media_decoding_thread, this));
 }
 
-template <typename T>
-T MediaDecoder::read_request(size_t offset) const {
-    T value;
-    memcpy(&value, request_header() + offset, sizeof(T));
-    return value;
-}
-// The audio decoder reads the request's pts through this one from its own translation unit.
-template int64_t MediaDecoder::read_request<int64_t>(size_t offset) const;
-
 void MediaDecoder::write_result(int32_t status, uint32_t output_size, int64_t output_pts) {
     ExchangeResult result{};
     result.status = status;

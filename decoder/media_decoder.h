@@ -3,6 +3,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -123,7 +124,11 @@ private:
     uint8_t* input_area() const { return block + SHM_INPUT_OFFSET; }
     uint8_t* output_area() const { return block + SHM_OUTPUT_OFFSET; }
     template <typename T>
-    T read_request(size_t offset) const;
+    T read_request(size_t offset) const {
+        T value;
+        memcpy(&value, request_header() + offset, sizeof(T));
+        return value;
+    }
     void write_result(int32_t status, uint32_t output_size, int64_t output_pts);
     void write_failure() { write_result(STATUS_FAILED, 0, 0); }
     void clear_result() { write_result(STATUS_OK, 0, 0); }
