@@ -1,0 +1,234 @@
+#include "tools/hw_probe.h"
+
+#include <unistd.h>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/hwcontext.h>
+#include <libavutil/pixdesc.h>
+}
+
+#include "decoder/exchange_block.h"
+
+namespace mediatools {
+
+namespace {
+
+// The device types the service tries, in its order.
+const char* const kServiceDeviceTypes[] = {"vdpau", "cuda", "vaapi"};
+
+// FFmpeg codec ids of the table rows (exchange_block.h names them for clients without FFmpeg).
+AVCodecID codec_id_for(const char* name) {
+    const AVCodecDescriptor* desc = avcodec_descriptor_get_by_name(name);
+    return desc != nullptr ? desc->id : AV_CODEC_ID_NONE;
+}
+
+std::string av_error(int err) {
+    char text[AV_ERROR_MAX_STRING_SIZE] = {};
+    av_strerror(err, text, sizeof(text));
+    return text;
+}
+
+// What each device type needs, since FFmpeg's error texts rarely say.
+std::string device_hint(const std::string& name) {
+    if (name == "vdpau") {
+        return " (needs an X display and a VDPAU driver)";
+    }
+    if (name == "cuda") {
+        return " (needs an NVIDIA GPU with its driver's libcuda)";
+    }
+    if (name == "vaapi") {
+        return access("/dev/dri", F_OK) == 0
+                   ? " (needs a VA-API driver for the GPU and access to /dev/dri/renderD*)"
+                   : " (no /dev/dri: no GPU device node in this system or container)";
+    }
+    return "";
+}
+
+const char* state_text(CandidateState state) {
+    switch (state) {
+        case CandidateState::kCandidate:
+            return "candidate";
+        case CandidateState::kNoDevice:
+            return "no device";
+        case CandidateState::kNoConfig:
+            return "no support";
+        case CandidateState::kOpenFailed:
+            return "open failed";
+    }
+    return "?";
+}
+
+}  // namespace
+
+ProbeReport probe_host() {
+    ProbeReport report;
+    // Silence FFmpeg's own complaints while devices are tried; the report says what failed.
+    const int level = av_log_get_level();
+    av_log_set_level(AV_LOG_QUIET);
+
+    std::vector<AVBufferRef*> devices;
+    for (const char* name : kServiceDeviceTypes) {
+        DeviceProbe probe;
+        probe.name = name;
+        AVHWDeviceType type = av_hwdevice_find_type_by_name(name);
+        probe.known = type != AV_HWDEVICE_TYPE_NONE;
+        AVBufferRef* device = nullptr;
+        if (!probe.known) {
+            probe.error = "this FFmpeg was built without it";
+        } else {
+            int ret = av_hwdevice_ctx_create(&device, type, nullptr, nullptr, 0);
+            probe.opened = ret >= 0;
+            if (ret < 0) {
+                probe.error = av_error(ret) + device_hint(name);
+                device = nullptr;
+            }
+        }
+        devices.push_back(device);
+        report.devices.push_back(probe);
+    }
+    for (AVHWDeviceType t = av_hwdevice_iterate_types(AV_HWDEVICE_TYPE_NONE);
+         t != AV_HWDEVICE_TYPE_NONE; t = av_hwdevice_iterate_types(t)) {
+        std::string name = av_hwdevice_get_type_name(t);
+        bool used = false;
+        for (const char* s : kServiceDeviceTypes) {
+            used = used || name == s;
+        }
+        if (!used) {
+            report.other_types.push_back(name);
+        }
+    }
+
+    for (int i = 0; i < VIDEO_CODEC_COUNT; ++i) {
+        CodecProbe codec;
+        codec.index = i;
+        codec.name = VIDEO_CODEC_NAMES[i];
+        const AVCodec* decoder = avcodec_find_decoder(codec_id_for(VIDEO_CODEC_NAMES[i]));
+        codec.have_decoder = decoder != nullptr;
+        codec.decoder_name = decoder != nullptr ? decoder->name : "";
+        for (size_t d = 0; d < report.devices.size(); ++d) {
+            const DeviceProbe& device = report.devices[d];
+            CandidateState state = CandidateState::kNoDevice;
+            std::string surface;
+            if (decoder != nullptr && device.known) {
+                AVHWDeviceType type = av_hwdevice_find_type_by_name(device.name.c_str());
+                for (int c = 0;; ++c) {
+                    const AVCodecHWConfig* config = avcodec_get_hw_config(decoder, c);
+                    if (config == nullptr) {
+                        break;
+                    }
+                    if ((config->methods & AV_CODEC_HW_CONFIG_METHOD_HW_DEVICE_CTX) &&
+                        config->device_type == type) {
+                        const char* fmt = av_get_pix_fmt_name(config->pix_fmt);
+                        surface = fmt != nullptr ? fmt : "?";
+                        break;
+                    }
+                }
+            }
+            if (decoder != nullptr && surface.empty()) {
+                state = CandidateState::kNoConfig;
+            } else if (decoder != nullptr && device.opened) {
+                {
+                    // Open a context the way the service opens a hardware candidate.
+                    AVCodecContext* ctx = avcodec_alloc_context3(decoder);
+                    int ret = AVERROR(ENOMEM);
+                    if (ctx != nullptr) {
+                        ctx->codec_type = AVMEDIA_TYPE_VIDEO;
+                        ctx->hw_device_ctx = av_buffer_ref(devices[d]);
+                        ret = avcodec_open2(ctx, decoder, nullptr);
+                    }
+                    avcodec_free_context(&ctx);
+                    state = ret >= 0 ? CandidateState::kCandidate : CandidateState::kOpenFailed;
+                }
+            }
+            codec.per_device.push_back(state);
+            codec.hw_pix_fmt.push_back(surface);
+        }
+        report.video.push_back(codec);
+    }
+    for (int i = 0; i < AUDIO_CODEC_COUNT; ++i) {
+        CodecProbe codec;
+        codec.index = i;
+        codec.name = AUDIO_CODEC_NAMES[i];
+        const AVCodec* decoder = avcodec_find_decoder(codec_id_for(AUDIO_CODEC_NAMES[i]));
+        codec.have_decoder = decoder != nullptr;
+        codec.decoder_name = decoder != nullptr ? decoder->name : "";
+        report.audio.push_back(codec);
+    }
+
+    for (AVBufferRef*& device : devices) {
+        av_buffer_unref(&device);
+    }
+    av_log_set_level(level);
+    return report;
+}
+
+void print_probe(const ProbeReport& report, FILE* out) {
+    fprintf(out, "FFmpeg: libavcodec %s, libavutil %s\n\n", AV_STRINGIFY(LIBAVCODEC_VERSION),
+            AV_STRINGIFY(LIBAVUTIL_VERSION));
+    fprintf(out, "Hardware device types, in the order the service tries them:\n");
+    int opened = 0;
+    for (const DeviceProbe& d : report.devices) {
+        if (d.opened) {
+            ++opened;
+            fprintf(out, "  %-6s opens (default device)\n", d.name.c_str());
+        } else {
+            fprintf(out, "  %-6s cannot be opened: %s\n", d.name.c_str(), d.error.c_str());
+        }
+    }
+    if (!report.other_types.empty()) {
+        fprintf(out, "Other device types this FFmpeg knows (the service does not use them):");
+        for (const std::string& t : report.other_types) {
+            fprintf(out, " %s", t.c_str());
+        }
+        fprintf(out, "\n");
+    }
+
+    fprintf(out, "\nVideo codecs of the service's table:\n");
+    fprintf(out, "  %-3s %-11s %-11s", "#", "codec", "decoder");
+    for (const DeviceProbe& d : report.devices) {
+        fprintf(out, " %-12s", d.name.c_str());
+    }
+    fprintf(out, " decodes on\n");
+    for (const CodecProbe& c : report.video) {
+        fprintf(out, "  %-3d %-11s %-11s", c.index, c.name.c_str(),
+                c.have_decoder ? c.decoder_name.c_str() : "(none)");
+        std::string verdict;
+        for (size_t d = 0; d < c.per_device.size(); ++d) {
+            fprintf(out, " %-12s", state_text(c.per_device[d]));
+            if (verdict.empty() && c.per_device[d] == CandidateState::kCandidate) {
+                verdict =
+                    report.devices[d].name + " (" + c.hw_pix_fmt[d] + "), if it takes the stream";
+            }
+        }
+        if (!c.have_decoder) {
+            verdict = "nothing: this FFmpeg has no decoder";
+        } else if (verdict.empty()) {
+            verdict = "software";
+        }
+        fprintf(out, " %s\n", verdict.c_str());
+    }
+
+    fprintf(out, "\nAudio codecs of the service's table (always decoded in software):\n");
+    for (const CodecProbe& c : report.audio) {
+        fprintf(out, "  %-3d %-11s %s\n", c.index, c.name.c_str(),
+                c.have_decoder ? c.decoder_name.c_str() : "(no decoder in this FFmpeg)");
+    }
+
+    fprintf(out,
+            "\ncandidate: the device opens, the decoder supports it and the context opens; the "
+            "first packet\n"
+            "           the candidate accepts makes it the decoder of the stream.\n"
+            "no device: the decoder supports the device type, but its default device cannot be "
+            "opened here.\n"
+            "no support: the decoder has no configuration for the device type; where the device "
+            "opens, the\n"
+            "           service still makes a candidate, which never decodes.\n");
+    if (opened == 0) {
+        fprintf(out,
+                "\nNo hardware device opens here: the service decodes everything in "
+                "software.\n");
+    }
+}
+
+}  // namespace mediatools

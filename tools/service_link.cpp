@@ -1,0 +1,240 @@
+#include "tools/service_link.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "client/media_client.h"
+
+extern char** environ;
+
+namespace mediatools {
+
+namespace {
+
+const char kSocketSuffix[] = "/vessa/sockets/media-service.socket";
+
+bool executable(const std::string& path) {
+    struct stat st;
+    return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && access(path.c_str(), X_OK) == 0;
+}
+
+void sleep_ms(int ms) {
+    struct timespec ts = {ms / 1000, (ms % 1000) * 1000000L};
+    while (nanosleep(&ts, &ts) < 0 && errno == EINTR) {
+    }
+}
+
+// mkdir -p; existing components are left as they are.
+bool make_dirs(const std::string& dir) {
+    for (size_t pos = 1; pos <= dir.size(); ++pos) {
+        if (pos == dir.size() || dir[pos] == '/') {
+            std::string part = dir.substr(0, pos);
+            if (mkdir(part.c_str(), 0700) < 0 && errno != EEXIST) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+bool ends_with(const std::string& s, const std::string& suffix) {
+    return s.size() >= suffix.size() &&
+           s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+// An ended process whose parent has not reaped it yet still answers kill(pid, 0).
+bool is_zombie(pid_t pid) {
+    char path[64];
+    snprintf(path, sizeof(path), "/proc/%d/stat", static_cast<int>(pid));
+    FILE* f = fopen(path, "re");
+    if (f == nullptr) {
+        return false;
+    }
+    char state = 0;
+    // The command name in parentheses may hold blanks; the state follows the last ')'.
+    char buf[512];
+    size_t n = fread(buf, 1, sizeof(buf) - 1, f);
+    fclose(f);
+    buf[n] = 0;
+    const char* paren = strrchr(buf, ')');
+    if (paren != nullptr && paren[1] == ' ') {
+        state = paren[2];
+    }
+    return state == 'Z' || state == 'X';
+}
+
+}  // namespace
+
+std::string find_service_binary() {
+    char self[PATH_MAX] = {};
+    ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
+    if (n > 0) {
+        std::string dir(self, static_cast<size_t>(n));
+        dir.erase(dir.rfind('/'));
+        if (executable(dir + "/media-service")) {
+            return dir + "/media-service";
+        }
+    }
+    const char* path = getenv("PATH");
+    std::string rest = path != nullptr ? path : "/usr/local/bin:/usr/bin:/bin";
+    size_t start = 0;
+    while (start <= rest.size()) {
+        size_t end = rest.find(':', start);
+        if (end == std::string::npos) {
+            end = rest.size();
+        }
+        std::string dir = rest.substr(start, end - start);
+        if (!dir.empty() && executable(dir + "/media-service")) {
+            return dir + "/media-service";
+        }
+        start = end + 1;
+    }
+    return "";
+}
+
+bool service_listening(const std::string& socket_path) {
+    int fd = mediaclient::connect_service(socket_path);
+    if (fd < 0) {
+        return false;
+    }
+    close(fd);
+    return true;
+}
+
+bool start_service(const std::string& socket_path, const std::string& binary_arg, int timeout_ms,
+                   std::string* error) {
+    if (!ends_with(socket_path, kSocketSuffix)) {
+        *error = "nothing listens on " + socket_path +
+                 ", and the service cannot be started there: it listens only on <runtime dir>" +
+                 kSocketSuffix;
+        return false;
+    }
+    const std::string binary = binary_arg.empty() ? find_service_binary() : binary_arg;
+    if (binary.empty()) {
+        *error =
+            "the service is not running and no media-service binary was found next to "
+            "this program or in PATH";
+        return false;
+    }
+    const std::string runtime_dir =
+        socket_path.substr(0, socket_path.size() - (sizeof(kSocketSuffix) - 1));
+    const std::string socket_dir = socket_path.substr(0, socket_path.rfind('/'));
+    if (!make_dirs(socket_dir)) {
+        *error = "cannot create " + socket_dir + ": " + strerror(errno);
+        return false;
+    }
+
+    // The child may only make async-signal-safe calls, so its environment is built here.
+    std::vector<std::string> env_strings;
+    for (char** e = environ; *e != nullptr; ++e) {
+        if (strncmp(*e, "XDG_RUNTIME_DIR=", 16) != 0) {
+            env_strings.push_back(*e);
+        }
+    }
+    if (mediaclient::default_socket_path() != socket_path || getenv("XDG_RUNTIME_DIR") != nullptr) {
+        env_strings.push_back("XDG_RUNTIME_DIR=" + runtime_dir);
+    }
+    std::vector<char*> envp;
+    for (auto& s : env_strings) {
+        envp.push_back(&s[0]);
+    }
+    envp.push_back(nullptr);
+    char* argv[] = {const_cast<char*>(binary.c_str()), nullptr};
+
+    // The exec error, if any, comes back through a pipe that a successful exec closes.
+    int report[2];
+    if (pipe2(report, O_CLOEXEC) < 0) {
+        *error = std::string("pipe: ") + strerror(errno);
+        return false;
+    }
+    pid_t child = fork();
+    if (child < 0) {
+        *error = std::string("fork: ") + strerror(errno);
+        close(report[0]);
+        close(report[1]);
+        return false;
+    }
+    if (child == 0) {
+        // Nothing of ours may stay open in the daemon.
+        if (syscall(SYS_close_range, 3, report[1] - 1, 0) < 0 ||
+            syscall(SYS_close_range, report[1] + 1, ~0U, 0) < 0) {
+            for (int fd = 3; fd < 1024; ++fd) {
+                if (fd != report[1]) {
+                    close(fd);
+                }
+            }
+        }
+        execve(binary.c_str(), argv, envp.data());
+        int err = errno;
+        ssize_t ignored = write(report[1], &err, sizeof(err));
+        (void)ignored;
+        _exit(127);
+    }
+    close(report[1]);
+    int exec_errno = 0;
+    ssize_t got;
+    do {
+        got = read(report[0], &exec_errno, sizeof(exec_errno));
+    } while (got < 0 && errno == EINTR);
+    close(report[0]);
+    // The service daemonises: the process we started exits at once and the daemon goes on.
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    if (got == static_cast<ssize_t>(sizeof(exec_errno))) {
+        *error = "cannot run " + binary + ": " + strerror(exec_errno);
+        return false;
+    }
+
+    for (int waited = 0; waited <= timeout_ms; waited += 20) {
+        if (service_listening(socket_path)) {
+            return true;
+        }
+        sleep_ms(20);
+    }
+    *error = "started " + binary + " but nothing listens on " + socket_path + " after " +
+             std::to_string(timeout_ms / 1000) + " s";
+    return false;
+}
+
+pid_t peer_pid(int fd) {
+    struct ucred cred {};
+    socklen_t len = sizeof(cred);
+    if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) < 0 || cred.pid <= 0) {
+        return -1;
+    }
+    return cred.pid;
+}
+
+bool stop_process(pid_t pid, int timeout_ms) {
+    if (pid <= 0) {
+        return false;
+    }
+    if (kill(pid, SIGTERM) < 0) {
+        return errno == ESRCH;
+    }
+    for (int waited = 0; waited <= timeout_ms; waited += 10) {
+        // Our own child would linger as a zombie; reap it if it is one.
+        waitpid(pid, nullptr, WNOHANG);
+        if ((kill(pid, 0) < 0 && errno == ESRCH) || is_zombie(pid)) {
+            return true;
+        }
+        sleep_ms(10);
+    }
+    return false;
+}
+
+}  // namespace mediatools
