@@ -124,7 +124,7 @@ class SessionClient {
     std::atomic<int> pings_{0};
     std::atomic<int> first_ping_fd_count_{-1};
     std::atomic<int> later_ping_fd_count_{0};
-    int errno_ = 0;
+    std::atomic<int> errno_{0};  // also set by the answering thread
 };
 
 // ---- Decoder client ----
