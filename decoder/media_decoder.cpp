@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <system_error>
 
 #include "base/defer_action.h"
 #include "base/shm_guard.h"
@@ -136,8 +137,17 @@ MediaDecoder::~MediaDecoder() {
     }
 }
 
-void MediaDecoder::run() {
-    worker.reset(new std::thread(&MediaDecoder::media_decoding_thread, this));
+bool MediaDecoder::run() {
+    // std::thread reports a failed pthread_create only by throwing; this is the one place that
+    // catches, because a client must not be able to end the service by exhausting threads.
+    try {
+        worker.reset(new std::thread(&MediaDecoder::media_decoding_thread, this));
+    } catch (const std::system_error& e) {
+        LOGE("decoder worker thread create failed: [%d] %s", e.code().value(),
+             strerror(e.code().value()));
+        return false;
+    }
+    return true;
 }
 
 void MediaDecoder::write_result(int32_t status, uint32_t output_size, int64_t output_pts) {

@@ -71,7 +71,9 @@ public:
     MediaDecoder& operator=(const MediaDecoder&) = delete;
     virtual ~MediaDecoder();
 
-    void run();
+    // Starts the worker. False when the thread cannot be created (out of threads or memory):
+    // the instance then has no worker and the client must be refused.
+    bool run();
 
     static AVPixelFormat get_hw_format(AVCodecContext* ctx, const AVPixelFormat* pix_fmts);
 

@@ -510,7 +510,10 @@ void MediaServer::register_decoder(ev::io& io, uint8_t client_type, const char* 
         LOGE("decoder instance create failed");
         return;
     }
-    handle->decoder->run();
+    if (!handle->decoder->run()) {
+        LOGE("decoder instance create failed");
+        return;
+    }
     decoder_handles.push_back(std::move(handle));
     drop_pending.cancel();
 }
