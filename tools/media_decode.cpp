@@ -460,52 +460,65 @@ int main(int argc, char** argv) {
     mediaclient::SessionClient session;
     mediaclient::DecoderClient client;
     if (use_service) {
-        if (!service_listening(socket_path)) {
-            if (opt.no_start) {
-                fail(kExitError, "the service is not running: nothing listens on %s",
-                     socket_path.c_str());
-            }
-            if (!start_service(socket_path, "", 5000, &error)) {
-                fail(kExitError, "%s", error.c_str());
-            }
-        }
-        if (!opt.no_session) {
-            if (session.connect(socket_path) != mediaclient::ClientError::kOk ||
-                session.start_answering() != mediaclient::ClientError::kOk) {
-                fail(kExitError, "cannot register the session client at %s: %s",
-                     socket_path.c_str(), strerror(session.last_errno()));
-            }
-        }
-        auto e = client.connect_posix(socket_path);
-        if (e != mediaclient::ClientError::kOk) {
-            fail(kExitError, "cannot register a decoder client at %s: %s", socket_path.c_str(),
-                 client_error(client, e, opt.timeout_ms).c_str());
-        }
-        ExchangeResult result{};
         if (info.extradata.size() > SHM_AREA_SIZE) {
             fail(kExitError, "the stream's codec configuration does not fit the input area");
         }
         const void* config = info.extradata.empty() ? nullptr : info.extradata.data();
-        if (info.video) {
-            mediaclient::VideoInitParams p;
-            p.coded_width = info.width;
-            p.coded_height = info.height;
-            p.coded_pix_fmt = info.pix_fmt;
-            p.out_width = out_w;
-            p.out_height = out_h;
-            p.out_pix_fmt = out_pix;
-            e = client.init_video(static_cast<uint32_t>(codec_index), p, config,
-                                  info.extradata.size(), &result, opt.timeout_ms);
-        } else {
-            mediaclient::AudioInitParams p;
-            p.in_sample_fmt = info.sample_fmt;
-            p.in_channels = info.channels;
-            p.in_sample_rate = info.sample_rate;
-            p.out_sample_fmt = out_sample;
-            p.out_channels = out_channels;
-            p.out_sample_rate = out_rate;
-            e = client.init_audio(static_cast<uint32_t>(codec_index), p, config,
-                                  info.extradata.size(), &result, opt.timeout_ms);
+        ExchangeResult result{};
+        mediaclient::ClientError e = mediaclient::ClientError::kOk;
+        // A service that is stopping (its session client just ended) still takes connections
+        // into its backlog and then drops them; one more try finds it gone and starts a new one.
+        for (int attempt = 0; attempt < 2; ++attempt) {
+            if (attempt > 0) {
+                session.close();
+                client.close();
+                usleep(300 * 1000);
+            }
+            if (!service_listening(socket_path)) {
+                if (opt.no_start) {
+                    fail(kExitError, "the service is not running: nothing listens on %s",
+                         socket_path.c_str());
+                }
+                if (!start_service(socket_path, "", 5000, &error)) {
+                    fail(kExitError, "%s", error.c_str());
+                }
+            }
+            if (!opt.no_session) {
+                if (session.connect(socket_path) != mediaclient::ClientError::kOk ||
+                    session.start_answering() != mediaclient::ClientError::kOk) {
+                    fail(kExitError, "cannot register the session client at %s: %s",
+                         socket_path.c_str(), strerror(session.last_errno()));
+                }
+            }
+            e = client.connect_posix(socket_path);
+            if (e != mediaclient::ClientError::kOk) {
+                fail(kExitError, "cannot register a decoder client at %s: %s", socket_path.c_str(),
+                     client_error(client, e, opt.timeout_ms).c_str());
+            }
+            if (info.video) {
+                mediaclient::VideoInitParams p;
+                p.coded_width = info.width;
+                p.coded_height = info.height;
+                p.coded_pix_fmt = info.pix_fmt;
+                p.out_width = out_w;
+                p.out_height = out_h;
+                p.out_pix_fmt = out_pix;
+                e = client.init_video(static_cast<uint32_t>(codec_index), p, config,
+                                      info.extradata.size(), &result, opt.timeout_ms);
+            } else {
+                mediaclient::AudioInitParams p;
+                p.in_sample_fmt = info.sample_fmt;
+                p.in_channels = info.channels;
+                p.in_sample_rate = info.sample_rate;
+                p.out_sample_fmt = out_sample;
+                p.out_channels = out_channels;
+                p.out_sample_rate = out_rate;
+                e = client.init_audio(static_cast<uint32_t>(codec_index), p, config,
+                                      info.extradata.size(), &result, opt.timeout_ms);
+            }
+            if (e != mediaclient::ClientError::kDisconnected || opt.no_start) {
+                break;
+            }
         }
         if (e == mediaclient::ClientError::kDisconnected) {
             fail(kExitError, "the service refused the decoder client (closed the connection)");
