@@ -168,9 +168,10 @@ bool start_service(const std::string& socket_path, const std::string& binary_arg
         return false;
     }
     if (child == 0) {
-        // Nothing of ours may stay open in the daemon.
-        if (syscall(SYS_close_range, 3, report[1] - 1, 0) < 0 ||
-            syscall(SYS_close_range, report[1] + 1, ~0U, 0) < 0) {
+        // Nothing of ours may stay open in the daemon. The kernel's syscall number, since glibc
+        // before 2.34 does not name close_range.
+        if (syscall(__NR_close_range, 3, report[1] - 1, 0) < 0 ||
+            syscall(__NR_close_range, report[1] + 1, ~0U, 0) < 0) {
             for (int fd = 3; fd < 1024; ++fd) {
                 if (fd != report[1]) {
                     close(fd);
