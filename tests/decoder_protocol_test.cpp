@@ -353,7 +353,9 @@ TEST(DecoderRequests, ResetToInvalidOutputFormatFailsDecodes) {
 
 namespace {
 
-// Holds the worker inside a decode through the decoder's video test seam until opened.
+// Holds the worker inside each decode, through the decoder's video test seam, until the test lets
+// that decode go on. Completions are ev::async sends, which coalesce: a test lets one decode go
+// at a time and waits for its completion before the next.
 class DecodeGate {
   public:
     DecodeGate() {
@@ -362,14 +364,15 @@ class DecodeGate {
             std::unique_lock<std::mutex> lock(mutex_);
             ++entered_;
             cond_.notify_all();
-            cond_.wait_for(lock, std::chrono::seconds(30), [this] { return open_; });
+            cond_.wait_for(lock, std::chrono::seconds(30), [this] { return permits_ > 0; });
+            --permits_;
             lock.unlock();
             return real();
         };
         MediaDecoder::hw_seam = &seam_;
     }
     ~DecodeGate() {
-        open();
+        release(1000);
         MediaDecoder::hw_seam = nullptr;
     }
     bool wait_entered(int count) {
@@ -377,9 +380,13 @@ class DecodeGate {
         return cond_.wait_for(lock, std::chrono::seconds(20),
                               [this, count] { return entered_ >= count; });
     }
-    void open() {
+    int entered() {
         std::lock_guard<std::mutex> lock(mutex_);
-        open_ = true;
+        return entered_;
+    }
+    void release(int count) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        permits_ += count;
         cond_.notify_all();
     }
 
@@ -388,7 +395,7 @@ class DecodeGate {
     std::mutex mutex_;
     std::condition_variable cond_;
     int entered_ = 0;
-    bool open_ = false;
+    int permits_ = 0;
 };
 
 void init_software_video(DecoderHarness& h) {
@@ -425,9 +432,13 @@ TEST(DecoderSignals, RequestSignalDuringRequestRunsItAgain) {
     h.signal_request();
     ASSERT_TRUE(gate.wait_entered(1));
     h.signal_request();
-    gate.open();
-    EXPECT_TRUE(h.wait_completions(2, 20000));
+    gate.release(1);
+    EXPECT_TRUE(h.wait_completions(1, 20000));
+    ASSERT_TRUE(gate.wait_entered(2));
+    gate.release(1);
+    EXPECT_TRUE(h.wait_completions(1, 20000));
     EXPECT_FALSE(h.wait_completions(1, 300));
+    EXPECT_EQ(gate.entered(), 2);
     EXPECT_EQ(log.count("decode frame"), 2u);
 }
 
@@ -441,7 +452,7 @@ TEST(DecoderSignals, QuitDuringRequestLetsItFinish) {
     h.signal_request();
     ASSERT_TRUE(gate.wait_entered(1));
     h.signal_quit();
-    gate.open();
+    gate.release(1);
     // The running request completes and answers; the quit's request flag runs nothing more.
     EXPECT_TRUE(h.wait_completions(1, 20000));
     expect_result(h.result(), STATUS_FAILED, 0, 0);
