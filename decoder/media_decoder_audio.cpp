@@ -178,8 +178,11 @@ int MediaDecoder::decode_audio(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame
 
     const uint32_t output_size =
         static_cast<uint32_t>(n * state.out_channels * av_get_bytes_per_sample(out_format));
-    const int64_t output_pts = read_request<int64_t>(REQ_PTS_OFFSET) +
-                               static_cast<int64_t>(n) * 1000000 / state.out_sample_rate;
+    // The pts is the client's: sum in unsigned arithmetic so that a value near the end of the
+    // range wraps instead of overflowing.
+    const uint64_t duration = static_cast<uint64_t>(int64_t{n} * 1000000 / state.out_sample_rate);
+    const int64_t output_pts = static_cast<int64_t>(
+        static_cast<uint64_t>(read_request<int64_t>(REQ_PTS_OFFSET)) + duration);
     write_result(STATUS_OK, output_size, output_pts);
     LOGD("audio frames: %d, frame size: %d, pts: %ld", n, static_cast<int>(output_size),
          static_cast<long>(output_pts));

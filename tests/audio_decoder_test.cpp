@@ -234,6 +234,16 @@ TEST(AudioDecode, OutputSizeAndTimestampOfOneFrame) {
     EXPECT_EQ(r.output_size, 4096u);
     EXPECT_EQ(r.output_pts, 24219);
     EXPECT_TRUE(log.contains("audio frames: 1024, frame size: 4096, pts: 24219")) << log.text();
+
+    // The client's timestamp is taken as it is; near the end of the range the sum wraps.
+    ref.decode(p.data(), static_cast<int>(p.size()), 1000);
+    const std::vector<uint8_t>& q = s.packets[1].data;
+    h.write_decode(q.data(), static_cast<int32_t>(q.size()), INT64_MAX - 5);
+    ASSERT_TRUE(h.request());
+    const AudioStep want = ref.decode(q.data(), static_cast<int>(q.size()), INT64_MAX - 5);
+    EXPECT_EQ(h.result().status, STATUS_OK);
+    EXPECT_EQ(h.result().output_pts, want.output_pts);
+    EXPECT_EQ(h.result().output_pts, INT64_MIN + 23219 - 6);
 }
 
 // Packets of two MP2 streams with different rates and channel counts, back to back: the

@@ -200,7 +200,9 @@ AudioStep AudioReference::decode(const uint8_t* data, int size, int64_t pts) {
     }
     step.status = 0;
     step.output_size = static_cast<uint32_t>(n * s.out_channels * bps);
-    step.output_pts = pts + static_cast<int64_t>(n) * 1000000 / s.out_rate;
+    // 64-bit sum that wraps, whatever the client's timestamp.
+    step.output_pts = static_cast<int64_t>(
+        static_cast<uint64_t>(pts) + static_cast<uint64_t>(int64_t{n} * 1000000 / s.out_rate));
     return step;
 }
 
