@@ -158,6 +158,18 @@ TEST_P(AudioCodec, EveryPacketMatchesTheModel) {
     ASSERT_NO_FATAL_FAILURE(init_both(
         h, ref, stream,
         init_params(stream, c.out_fmt, c.out_channels, c.out_rate, c.decoder_picks_rate)));
+    // The setup's state: rates as asked (0 kept, 44100 by default) and the configuration bytes
+    // followed by zeroed padding.
+    const MediaDecoder::audio_context_t& state = *h.decoder().audio_ctx;
+    EXPECT_EQ(state.in_sample_rate, c.decoder_picks_rate ? 0 : stream.sample_rate);
+    EXPECT_EQ(state.out_sample_rate, c.out_rate > 0 ? c.out_rate : 44100);
+    const AVCodecContext* ctx = state.codec_ctx.get();
+    ASSERT_EQ(ctx->extradata_size, static_cast<int>(stream.extradata.size()));
+    if (!stream.extradata.empty()) {
+        EXPECT_EQ(0, memcmp(ctx->extradata, stream.extradata.data(), stream.extradata.size()));
+        const std::vector<uint8_t> zeros(AV_INPUT_BUFFER_PADDING_SIZE);
+        EXPECT_EQ(0, memcmp(ctx->extradata + ctx->extradata_size, zeros.data(), zeros.size()));
+    }
     int outputs = decode_and_compare(h, ref, stream, 0, stream.packets.size());
     EXPECT_GT(outputs, static_cast<int>(stream.packets.size()) / 2);
     // One resampler for a stream that keeps its format.
