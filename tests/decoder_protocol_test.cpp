@@ -3,6 +3,7 @@
 // coalesce, and construction on objects too small for the block.
 
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -198,6 +199,7 @@ TEST(DecoderRequests, FailedSetupAnswersFailureThenEnds) {
     {
         DecoderHarness h;
         ASSERT_NO_FATAL_FAILURE(init_audio(h, mp2()));
+        decode_until_output(h, mp2());
         // A configuration size beyond the input area.
         const DemuxedStream& s = mp2();
         h.write_init(MEDIA_TYPE_AUDIO, static_cast<uint32_t>(audio_codec_index(s.codec_name)),
@@ -208,6 +210,10 @@ TEST(DecoderRequests, FailedSetupAnswersFailureThenEnds) {
         EXPECT_TRUE(h.decoder().audio_ctx);
         EXPECT_FALSE(h.decoder().audio_ctx->codec_ctx);
         EXPECT_EQ(log.count("freeing audio decoder context"), 2u);  // old state, new attempt
+        const std::string text = log.text();
+        const size_t second = text.rfind("init audio codec context");
+        EXPECT_LT(text.find("freeing SW resample context", second),
+                  text.find("freeing audio decoder context", second));
         EXPECT_FALSE(log.contains("freeing audio packet"));
         expect_worker_ended(h);
     }
@@ -472,7 +478,17 @@ TEST(DecoderConstruction, RefusesObjectsThatCannotHoldTheBlock) {
         MediaDecoder decoder(none, fd, false);
         EXPECT_FALSE(decoder.valid) << size;
     }
-    EXPECT_EQ(log.count("shared memory too small"), 3u);
+    // A POSIX shared memory object, as a client registers one by name.
+    {
+        const std::string name = "/svc-protocol-test-" + std::to_string(getpid());
+        int fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+        ASSERT_GE(fd, 0);
+        shm_unlink(name.c_str());
+        ASSERT_EQ(ftruncate(fd, SHM_BLOCK_SIZE / 2), 0);
+        MediaDecoder decoder(none, fd, false);
+        EXPECT_FALSE(decoder.valid);
+    }
+    EXPECT_EQ(log.count("shared memory too small"), 4u);
 
     // Not a mappable descriptor at all.
     {
