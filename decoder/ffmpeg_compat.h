@@ -46,11 +46,19 @@ inline int layout_nb_channels(uint64_t layout) {
 #endif
 }
 
+// The mask of the default layout for a channel count, 0 when there is none.
+// FFmpeg 4 knows default layouts for 1 to 8 and 16 channels (the same masks on every version);
+// 5.1 adds one for 24 and 7.1 for 10, 12 and 14. Those counts keep having none, so that a client
+// asking for them fails alike on every version.
 inline int64_t default_channel_layout(int channels) {
 #if SVC_HAVE_CH_LAYOUT
-    AVChannelLayout layout;
+    if (channels > 8 && channels != 16) {
+        return 0;
+    }
+    AVChannelLayout layout{};
     av_channel_layout_default(&layout, channels);
-    int64_t mask = layout.order == AV_CHANNEL_ORDER_NATIVE ? static_cast<int64_t>(layout.u.mask) : 0;
+    int64_t mask =
+        layout.order == AV_CHANNEL_ORDER_NATIVE ? static_cast<int64_t>(layout.u.mask) : 0;
     av_channel_layout_uninit(&layout);
     return mask;
 #else
@@ -86,26 +94,45 @@ inline void set_context_channels(AVCodecContext* ctx, int channels) {
 #endif
 }
 
-// swr_alloc_set_opts with channel masks.
+// The channel count of a demuxed stream.
+inline int codecpar_channels(const AVCodecParameters* par) {
+#if SVC_HAVE_CH_LAYOUT
+    return par->ch_layout.nb_channels;
+#else
+    return par->channels;
+#endif
+}
+
+// swr_alloc_set_opts with channel masks: a context with the given parameters, nullptr only when
+// it cannot be allocated or an option not set. Layouts are checked by swr_init, as in FFmpeg 4;
+// swr_alloc_set_opts2 would refuse a zero mask (no default layout for a channel count) already
+// here, and the failure would be reported as an allocation failure instead of an init failure.
 inline SwrContext* alloc_resampler(int64_t out_layout, AVSampleFormat out_fmt, int out_rate,
                                    int64_t in_layout, AVSampleFormat in_fmt, int in_rate) {
 #if SVC_HAVE_CH_LAYOUT
-    AVChannelLayout out_ch, in_ch;
+    SwrContext* swr = swr_alloc();
+    if (swr == nullptr) {
+        return nullptr;
+    }
+    // A zero mask leaves the layout empty, with no channels.
+    AVChannelLayout out_ch{}, in_ch{};
     av_channel_layout_from_mask(&out_ch, static_cast<uint64_t>(out_layout));
     av_channel_layout_from_mask(&in_ch, static_cast<uint64_t>(in_layout));
-    SwrContext* swr = nullptr;
-    int ret = swr_alloc_set_opts2(&swr, &out_ch, out_fmt, out_rate, &in_ch, in_fmt, in_rate, 0,
-                                  nullptr);
+    const bool ok = av_opt_set_chlayout(swr, "ochl", &out_ch, 0) >= 0 &&
+                    av_opt_set_int(swr, "osf", out_fmt, 0) >= 0 &&
+                    av_opt_set_int(swr, "osr", out_rate, 0) >= 0 &&
+                    av_opt_set_chlayout(swr, "ichl", &in_ch, 0) >= 0 &&
+                    av_opt_set_int(swr, "isf", in_fmt, 0) >= 0 &&
+                    av_opt_set_int(swr, "isr", in_rate, 0) >= 0;
     av_channel_layout_uninit(&out_ch);
     av_channel_layout_uninit(&in_ch);
-    if (ret < 0) {
+    if (!ok) {
         swr_free(&swr);
-        return nullptr;
     }
     return swr;
 #else
-    return swr_alloc_set_opts(nullptr, out_layout, out_fmt, out_rate, in_layout, in_fmt, in_rate,
-                              0, nullptr);
+    return swr_alloc_set_opts(nullptr, out_layout, out_fmt, out_rate, in_layout, in_fmt, in_rate, 0,
+                              nullptr);
 #endif
 }
 
