@@ -14,6 +14,7 @@ extern "C" {
 }
 
 #include "decoder/exchange_block.h"
+#include "decoder/ffmpeg_compat.h"
 
 namespace {
 
@@ -69,11 +70,7 @@ bool demux_first_stream(const std::string& path, bool video, DemuxedStream* out)
             out->width = par->width;
             out->height = par->height;
             out->sample_rate = par->sample_rate;
-#if LIBAVCODEC_VERSION_INT >= AV_VERSION_INT(59, 24, 100)
-            out->channels = par->ch_layout.nb_channels;
-#else
-            out->channels = par->channels;
-#endif
+            out->channels = ffcompat::codecpar_channels(par);
             if (video) {
                 out->pix_fmt = par->format;
             } else {
