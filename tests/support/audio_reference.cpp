@@ -10,16 +10,13 @@ extern "C" {
 }
 
 #include "decoder/exchange_block.h"
+#include "decoder/ffmpeg_compat.h"
 
 namespace {
 
 // Channel mask of FFmpeg's default layout for a channel count, 0 when there is none.
 uint64_t default_mask(int channels) {
-    AVChannelLayout layout;
-    av_channel_layout_default(&layout, channels);
-    uint64_t mask = layout.order == AV_CHANNEL_ORDER_NATIVE ? layout.u.mask : 0;
-    av_channel_layout_uninit(&layout);
-    return mask;
+    return static_cast<uint64_t>(ffcompat::default_channel_layout(channels));
 }
 
 size_t align32(int samples) {
@@ -67,8 +64,7 @@ bool AudioReference::init(int codec_id, const std::array<int32_t, 7>& p,
         return false;
     }
     AVCodecContext* ctx = avcodec_alloc_context3(codec);
-    ctx->ch_layout.order = AV_CHANNEL_ORDER_UNSPEC;
-    ctx->ch_layout.nb_channels = p[1];
+    ffcompat::set_context_channels(ctx, p[1]);
     ctx->sample_fmt = static_cast<AVSampleFormat>(p[0]);
     if (p[2] > 0) {
         ctx->sample_rate = p[2];
@@ -144,12 +140,10 @@ AudioStep AudioReference::decode(const uint8_t* data, int size, int64_t pts) {
     }
 
     // The frame's own mask unless it has none or it disagrees with the channel count.
-    const uint64_t mask =
-        frame->ch_layout.order == AV_CHANNEL_ORDER_NATIVE ? frame->ch_layout.u.mask : 0;
-    const int n_in = av_popcount64(mask);
-    const uint64_t layout = (mask == 0 || n_in != frame->ch_layout.nb_channels)
-                                ? default_mask(frame->ch_layout.nb_channels)
-                                : mask;
+    const uint64_t mask = ffcompat::frame_channel_layout(frame);
+    const int n_in = ffcompat::layout_nb_channels(mask);
+    const int channels = ffcompat::frame_channels(frame);
+    const uint64_t layout = (mask == 0 || n_in != channels) ? default_mask(channels) : mask;
     if (s.swr == nullptr || s.in_channels != n_in || s.in_layout != layout ||
         s.in_rate != frame->sample_rate || s.in_fmt != frame->format) {
         swr_free(&s.swr);
@@ -157,16 +151,12 @@ AudioStep AudioReference::decode(const uint8_t* data, int size, int64_t pts) {
         s.in_channels = n_in;
         s.in_layout = layout;
         s.in_fmt = frame->format;
-        AVChannelLayout out_ch, in_ch;
-        av_channel_layout_from_mask(&out_ch, default_mask(s.out_channels));
-        av_channel_layout_from_mask(&in_ch, layout);
-        ret = swr_alloc_set_opts2(&s.swr, &out_ch, static_cast<AVSampleFormat>(s.out_fmt),
-                                  s.out_rate, &in_ch, static_cast<AVSampleFormat>(frame->format),
-                                  frame->sample_rate, 0, nullptr);
-        av_channel_layout_uninit(&out_ch);
-        av_channel_layout_uninit(&in_ch);
+        s.swr = ffcompat::alloc_resampler(
+            static_cast<int64_t>(default_mask(s.out_channels)),
+            static_cast<AVSampleFormat>(s.out_fmt), s.out_rate, static_cast<int64_t>(layout),
+            static_cast<AVSampleFormat>(frame->format), frame->sample_rate);
         ++builds_;
-        if (ret < 0 || swr_init(s.swr) < 0) {
+        if (s.swr == nullptr || swr_init(s.swr) < 0) {
             swr_free(&s.swr);
             return failed;
         }
