@@ -101,7 +101,7 @@ bool LocalVideoDecoder::open(const StreamInfo& info, int out_width, int out_heig
         *error = "cannot open the " + info.codec_name + " decoder: " + av_error(ret);
         return false;
     }
-    if (mode_ == Output::kLikeService) {
+    if (mode_ != Output::kScaleOnly) {
         area_.reset(new OutputArea());
     } else {
         picture_size_ = av_image_alloc(picture_, linesizes_, out_width_, out_height_,
@@ -115,7 +115,7 @@ bool LocalVideoDecoder::open(const StreamInfo& info, int out_width, int out_heig
 }
 
 const uint8_t* LocalVideoDecoder::output() const {
-    return mode_ == Output::kLikeService ? area_->data() : picture_[0];
+    return mode_ == Output::kScaleOnly ? picture_[0] : area_->data();
 }
 
 Answer LocalVideoDecoder::fail() {
@@ -166,6 +166,25 @@ Answer LocalVideoDecoder::decode(const uint8_t* data, int size, int64_t pts) {
     int picture_size = av_image_get_buffer_size(out_format, out_width_, out_height_, 1);
     if (picture_size > static_cast<int>(SHM_AREA_SIZE)) {
         return fail();
+    }
+    if (mode_ == Output::kDirect) {
+        uint8_t* planes[4] = {nullptr};
+        int linesizes[4] = {0};
+        uint8_t* area = area_->data();
+        picture_size =
+            av_image_fill_arrays(planes, linesizes, area, out_format, out_width_, out_height_, 1);
+        if (picture_size < 0) {
+            return fail();
+        }
+        sws_scale(sws_, frame_->data, frame_->linesize, 0, frame_->height, planes, linesizes);
+        const size_t size = static_cast<size_t>(picture_size);
+        if (written_ > size) {
+            memset(area + size, 0, written_ - size);
+        }
+        written_ = size;
+        Answer answer{STATUS_OK, static_cast<uint32_t>(size), frame_->best_effort_timestamp};
+        av_frame_unref(frame_);
+        return answer;
     }
     uint8_t* planes[4] = {nullptr};
     int linesizes[4] = {0};

@@ -52,6 +52,11 @@ class LocalVideoDecoder {
         kLikeService,
         // Conversion straight into one reused picture buffer: no copy, no zeroing.
         kScaleOnly,
+        // Conversion straight into the output area (planes laid out as the copy would lay them
+        // out), and only the bytes of an earlier, larger picture zeroed behind it: the same
+        // area content as kLikeService without the picture buffer, the copy and the clearing
+        // of untouched memory.
+        kDirect,
     };
 
     LocalVideoDecoder() = default;
@@ -64,7 +69,7 @@ class LocalVideoDecoder {
     bool open(const StreamInfo& info, int out_width, int out_height, int out_pix_fmt, Output mode,
               std::string* error);
     Answer decode(const uint8_t* data, int size, int64_t pts);
-    // The output area (kLikeService) or the picture buffer (kScaleOnly).
+    // The output area (kLikeService, kDirect) or the picture buffer (kScaleOnly).
     const uint8_t* output() const;
 
   private:
@@ -80,6 +85,7 @@ class LocalVideoDecoder {
     uint8_t* picture_[4] = {nullptr, nullptr, nullptr, nullptr};  // kScaleOnly
     int linesizes_[4] = {0, 0, 0, 0};
     int picture_size_ = 0;
+    size_t written_ = 0;  // kDirect: bytes of the area that may be non-zero
 };
 
 class LocalAudioDecoder {
