@@ -6,6 +6,7 @@ extern "C" {
 }
 
 #include "decoder/exchange_block.h"
+#include "decoder/ffmpeg_compat.h"
 
 namespace mediatools {
 
@@ -84,11 +85,7 @@ bool MediaFile::select(bool video, int n, StreamInfo* info, std::string* error) 
             info->pix_fmt = par->format;
         } else {
             info->sample_rate = par->sample_rate;
-#if LIBAVCODEC_VERSION_INT >= AV_VERSION_INT(59, 24, 100)
-            info->channels = par->ch_layout.nb_channels;
-#else
-            info->channels = par->channels;
-#endif
+            info->channels = ffcompat::codecpar_channels(par);
             info->sample_fmt = par->format;
             info->frame_size = par->frame_size;
         }
