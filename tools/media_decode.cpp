@@ -365,15 +365,15 @@ class Progress {
         if (percent >= 0) {
             snprintf(pct, sizeof(pct), "  %3.0f%%", percent);
         }
-        fprintf(stderr, "\routputs %ld  %.1f/s%s   ", outputs, secs > 0 ? outputs / secs : 0.0,
-                pct);
-        shown_ = true;
+        int n = fprintf(stderr, "\routputs %ld  %.1f/s%s   ", outputs,
+                        secs > 0 ? outputs / secs : 0.0, pct);
+        width_ = std::max(width_, n);
     }
 
     void clear() {
-        if (shown_) {
-            fprintf(stderr, "\r%40s\r", "");
-            shown_ = false;
+        if (width_ > 0) {
+            fprintf(stderr, "\r%*s\r", width_, "");
+            width_ = 0;
         }
     }
 
@@ -382,7 +382,7 @@ class Progress {
     int64_t duration_us_;
     int64_t file_size_;
     std::chrono::steady_clock::time_point start_, last_;
-    bool shown_ = false;
+    int width_ = 0;  // of the longest progress line shown, 0 when none is shown
 };
 
 std::string client_error(const mediaclient::DecoderClient& client, mediaclient::ClientError e,
