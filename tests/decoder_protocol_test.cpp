@@ -154,6 +154,10 @@ struct StopCase {
     int32_t media_type_after;
 };
 
+void PrintTo(const StopCase& c, std::ostream* os) {
+    *os << c.name;
+}
+
 class DecoderStop : public ::testing::TestWithParam<StopCase> {};
 
 // Each of these is answered (completion, result area untouched) and then ends the worker.
