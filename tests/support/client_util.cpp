@@ -1,3 +1,4 @@
+#include <algorithm>
 #include "support/client_util.h"
 
 #include <fcntl.h>
@@ -79,8 +80,11 @@ ssize_t send_with_fds(int fd, const std::vector<uint8_t>& record, const std::vec
 }
 
 std::vector<uint8_t> type_msg(uint8_t type, const std::string& name, uint8_t reserved) {
-    std::vector<uint8_t> record{type, reserved};
-    record.insert(record.end(), name.begin(), name.end());
+    // Sized up front: GCC 12 warns falsely about inserting into a two-byte vector.
+    std::vector<uint8_t> record(2 + name.size());
+    record[0] = type;
+    record[1] = reserved;
+    std::copy(name.begin(), name.end(), record.begin() + 2);
     return record;
 }
 
