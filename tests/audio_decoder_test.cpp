@@ -386,9 +386,9 @@ std::vector<uint8_t> alac_frame(uint32_t samples) {
 
 }  // namespace
 
-// ALAC lets a stream declare long frames. Converted to 24 channels of doubles, a frame of 100000
-// samples needs more than the output area: the request fails instead of writing past the block,
-// and an ordinary frame still converts.
+// ALAC lets a stream declare long frames. Converted to 16 channels of doubles (the widest default
+// layout on every FFmpeg), a frame of 200000 samples needs more than the output area: the request
+// fails instead of writing past the block, and an ordinary frame still converts.
 TEST(AudioDecode, ConversionBeyondTheOutputAreaIsRefused) {
     DemuxedStream s;
     if (!load("mono.m4a",
@@ -398,7 +398,7 @@ TEST(AudioDecode, ConversionBeyondTheOutputAreaIsRefused) {
     }
     ASSERT_EQ(s.extradata.size(), 36u);
     ASSERT_EQ(0, memcmp(s.extradata.data() + 4, "alac", 4));
-    const uint32_t longest = 100000;
+    const uint32_t longest = 200000;
     for (int k = 0; k < 4; ++k) {
         s.extradata[12 + k] = static_cast<uint8_t>(longest >> (24 - 8 * k));
     }
@@ -406,16 +406,16 @@ TEST(AudioDecode, ConversionBeyondTheOutputAreaIsRefused) {
     LogCapture log;
     DecoderHarness h;
     AudioReference ref;
-    ASSERT_NO_FATAL_FAILURE(init_both(h, ref, s, init_params(s, AV_SAMPLE_FMT_DBLP, 24, 44100)));
+    ASSERT_NO_FATAL_FAILURE(init_both(h, ref, s, init_params(s, AV_SAMPLE_FMT_DBLP, 16, 44100)));
     DemuxedStream crafted;
     crafted.packets.resize(2);
     crafted.packets[0].data = alac_frame(longest);
     crafted.packets[1].data = alac_frame(4096);
-    ASSERT_GT(size_t{longest} * 24 * sizeof(double), SHM_AREA_SIZE);
+    ASSERT_GT(size_t{longest} * 16 * sizeof(double), SHM_AREA_SIZE);
 
     decode_and_compare(h, ref, crafted, 0, 1);
     EXPECT_EQ(h.result().status, STATUS_FAILED);
     EXPECT_TRUE(log.contains("converted audio exceeds the output area"));
     EXPECT_EQ(decode_and_compare(h, ref, crafted, 1, 2), 1);
-    EXPECT_EQ(h.result().output_size, 4096u * 24 * 8);
+    EXPECT_EQ(h.result().output_size, 4096u * 16 * 8);
 }
