@@ -19,10 +19,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <iterator>
+#include <functional>
 #include <memory>
 #include <mutex>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -61,13 +60,15 @@ const char kUsage[] =
     "    in-process;\n"
     "  - the service's resident memory idle, per registered decoder client, and per client\n"
     "    decoding 1080p.\n"
+    "All ways of decoding that a figure compares advance through the clip together, 10 packets\n"
+    "(audio: 100) at a time in rotating order, so that other load on the machine hits them alike.\n"
     "\n"
     "Options:\n"
     "  --video FILE        1080p H.264 clip\n"
     "  --audio FILE        AAC 48 kHz stereo clip\n"
     "  --socket PATH       service socket (default: the service's own path); a service that is\n"
     "                      not running there is started, and stopped at the end\n"
-    "  --runs N            passes per figure; the best is reported (default 5)\n"
+    "  --runs N            passes over the clip per figure (default 3)\n"
     "  --round-trips N     requests per round-trip figure (default 20000)\n"
     "  --clients-packets N packets per client in the concurrency test (default 120)\n"
     "  --only LIST         run only these sections: memory,rtt,video,clients,audio\n"
@@ -75,7 +76,7 @@ const char kUsage[] =
 
 struct Options {
     std::string video, audio, socket;
-    int runs = 5;
+    int runs = 3;
     int round_trips = 20000;
     int clients_packets = 120;
     std::string only;  // comma-separated sections; empty: all
@@ -106,15 +107,6 @@ void note(const char* fmt, ...) {
 
 double seconds_since(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-// Interference from other work on the machine only ever slows a pass down, so the best of
-// several passes is the closest to the undisturbed figure.
-double best(const std::vector<double>& v) {
-    return v.empty() ? 0 : *std::max_element(v.begin(), v.end());
-}
-double least(const std::vector<double>& v) {
-    return v.empty() ? 0 : *std::min_element(v.begin(), v.end());
 }
 
 double percentile(std::vector<double>& sorted, double p) {
@@ -243,16 +235,6 @@ long service_video_pass(mediaclient::DecoderClient& client, const Clip& clip, si
     return outputs;
 }
 
-long local_video_pass(LocalVideoDecoder& decoder, const Clip& clip, size_t count) {
-    long outputs = 0;
-    for (size_t i = 0; i < count && i < clip.packets.size(); ++i) {
-        const Packet& p = clip.packets[i];
-        Answer a = decoder.decode(p.data.data(), static_cast<int>(p.data.size()), p.pts_us);
-        outputs += a.status == STATUS_OK && a.size > 0;
-    }
-    return outputs;
-}
-
 void open_local(LocalVideoDecoder& decoder, const Clip& clip, int pix_fmt,
                 LocalVideoDecoder::Output mode) {
     std::string error;
@@ -351,16 +333,6 @@ void bench_round_trip(Service& s, int count) {
     mediaclient::DecoderClient client;
     check(client.connect_posix(s.socket), "decoder client");
     check(client.write_request_type(REQUEST_FLUSH), "request");
-    std::vector<double> service_us;
-    service_us.reserve(count);
-    for (int i = 0; i < count / 10 + count; ++i) {
-        auto t0 = Clock::now();
-        check(client.call(), "round trip");
-        if (i >= count / 10) {
-            service_us.push_back(seconds_since(t0) * 1e6);
-        }
-    }
-    client.close();
 
     // Bare ping-pong: one byte each way over a sequenced-packet socket pair between two
     // processes, blocking reads on both sides.
@@ -383,118 +355,176 @@ void bench_round_trip(Service& s, int count) {
         _exit(0);
     }
     close(sv[1]);
-    std::vector<double> bare_us;
-    bare_us.reserve(count);
-    for (int i = 0; i < count / 10 + count; ++i) {
-        char byte = 'D';
-        auto t0 = Clock::now();
-        if (write(sv[0], &byte, 1) != 1 || read(sv[0], &byte, 1) != 1) {
-            die("ping-pong: %s", strerror(errno));
+
+    // Both take turns, 100 requests at a time; the first tenth is warm-up.
+    std::vector<double> service_us, bare_us;
+    double service_cpu = 0, bare_cpu = 0;
+    const int block = 100;
+    for (int done = 0; done < count / 10 + count; done += block) {
+        const bool counted = done >= count / 10;
+        double cpu0 = process_cpu(s.pid) + thread_cpu();
+        for (int i = 0; i < block; ++i) {
+            auto t0 = Clock::now();
+            check(client.call(), "round trip");
+            if (counted) {
+                service_us.push_back(seconds_since(t0) * 1e6);
+            }
         }
-        if (i >= count / 10) {
-            bare_us.push_back(seconds_since(t0) * 1e6);
+        if (counted) {
+            service_cpu += process_cpu(s.pid) + thread_cpu() - cpu0;
+        }
+        cpu0 = process_cpu(child) + thread_cpu();
+        for (int i = 0; i < block; ++i) {
+            char byte = 'D';
+            auto t0 = Clock::now();
+            if (write(sv[0], &byte, 1) != 1 || read(sv[0], &byte, 1) != 1) {
+                die("ping-pong: %s", strerror(errno));
+            }
+            if (counted) {
+                bare_us.push_back(seconds_since(t0) * 1e6);
+            }
+        }
+        if (counted) {
+            bare_cpu += process_cpu(child) + thread_cpu() - cpu0;
         }
     }
     close(sv[0]);
     waitpid(child, nullptr, 0);
+    client.close();
 
+    const size_t n = service_us.size();
     std::sort(service_us.begin(), service_us.end());
     std::sort(bare_us.begin(), bare_us.end());
     const double s50 = percentile(service_us, 0.5), b50 = percentile(bare_us, 0.5);
     const double s99 = percentile(service_us, 0.99), b99 = percentile(bare_us, 0.99);
-    rows.push_back({fmt("round trip, empty request, median (%d)", count), fmt("%.1f us", s50),
+    rows.push_back({fmt("round trip, empty request, median (%zu)", n), fmt("%.1f us", s50),
                     fmt("ping-pong %.1f us", b50), fmt("%.2fx", s50 / b50),
                     verdict(s50 <= 3 * b50, "<= 3x")});
     rows.push_back({"round trip, empty request, 99th percentile", fmt("%.1f us", s99),
                     fmt("ping-pong %.1f us", b99), fmt("%.2fx", s99 / b99), ""});
+    rows.push_back(
+        {"round trip, CPU per request (both sides)", fmt("%.1f us", service_cpu * 1e6 / n),
+         fmt("ping-pong %.1f us", bare_cpu * 1e6 / n), fmt("%.2fx", service_cpu / bare_cpu), ""});
+}
+
+// ---- contenders that take turns ----
+//
+// The machine may be shared. Instead of timing each way of decoding in a block of its own, all
+// of them advance through the clip together, a slice of packets at a time, in an order that
+// rotates with every slice: load that comes and goes then falls on all of them alike.
+
+struct Contender {
+    std::function<void()> reset;                      // back to the start of the clip
+    std::function<long(size_t from, size_t to)> run;  // decodes packets [from, to): outputs
+    std::function<double()> cpu;  // CPU seconds spent so far by everything this one uses
+    double secs = 0, cpu_secs = 0;
+    long outputs = 0;
+    size_t packets = 0;
+
+    double per_second() const { return secs > 0 ? outputs / secs : 0; }
+    double cpu_per_output_ms() const { return outputs > 0 ? cpu_secs * 1e3 / outputs : 0; }
+};
+
+void race(std::vector<Contender*> contenders, size_t total, size_t slice, int runs) {
+    // Warm-up, not counted: page faults of the areas, conversion tables, code.
+    for (Contender* c : contenders) {
+        c->reset();
+        c->run(0, std::min(total, slice));
+    }
+    size_t turn = 0;
+    for (int run = 0; run < runs; ++run) {
+        for (Contender* c : contenders) {
+            c->reset();
+        }
+        for (size_t from = 0; from < total; from += slice, ++turn) {
+            const size_t to = std::min(total, from + slice);
+            for (size_t j = 0; j < contenders.size(); ++j) {
+                Contender* c = contenders[(j + turn) % contenders.size()];
+                const double cpu0 = c->cpu();
+                const auto t0 = Clock::now();
+                c->outputs += c->run(from, to);
+                c->secs += seconds_since(t0);
+                c->cpu_secs += c->cpu() - cpu0;
+                c->packets += to - from;
+            }
+        }
+    }
+}
+
+Contender service_video(Service& s, mediaclient::DecoderClient& client, const Clip& clip,
+                        int pix_fmt) {
+    Contender c;
+    c.reset = [&client, &clip, pix_fmt] { init_video(client, clip, pix_fmt); };
+    c.run = [&client, &clip](size_t from, size_t to) {
+        long outputs = 0;
+        ExchangeResult r{};
+        for (size_t i = from; i < to; ++i) {
+            const Packet& p = clip.packets[i];
+            check(client.decode_frame(p.data.data(), p.data.size(), p.pts_us, &r), "decode");
+            outputs += r.status == STATUS_OK && r.output_size > 0;
+        }
+        return outputs;
+    };
+    const pid_t pid = s.pid;
+    c.cpu = [pid] { return process_cpu(pid) + thread_cpu(); };
+    return c;
+}
+
+Contender local_video(std::unique_ptr<LocalVideoDecoder>& decoder, const Clip& clip, int pix_fmt,
+                      LocalVideoDecoder::Output mode) {
+    Contender c;
+    c.reset = [&decoder, &clip, pix_fmt, mode] {
+        decoder.reset(new LocalVideoDecoder());
+        open_local(*decoder, clip, pix_fmt, mode);
+    };
+    c.run = [&decoder, &clip](size_t from, size_t to) {
+        long outputs = 0;
+        for (size_t i = from; i < to; ++i) {
+            const Packet& p = clip.packets[i];
+            Answer a = decoder->decode(p.data.data(), static_cast<int>(p.data.size()), p.pts_us);
+            outputs += a.status == STATUS_OK && a.size > 0;
+        }
+        return outputs;
+    };
+    c.cpu = thread_cpu;
+    return c;
 }
 
 void bench_video(Service& s, const Clip& clip, int runs) {
     for (int pix_fmt : {static_cast<int>(AV_PIX_FMT_YUV420P), static_cast<int>(AV_PIX_FMT_RGBA)}) {
         const char* name = av_get_pix_fmt_name(static_cast<AVPixelFormat>(pix_fmt));
-        std::vector<double> service_fps, same_fps, plain_fps, direct_fps, service_cpu, same_cpu;
         mediaclient::DecoderClient client;
         check(client.connect_posix(s.socket), "decoder client");
-        // Warm-up: page faults of the areas, conversion tables, code.
-        init_video(client, clip, pix_fmt);
-        service_video_pass(client, clip, 20);
-        {
-            LocalVideoDecoder warm;
-            open_local(warm, clip, pix_fmt, LocalVideoDecoder::Output::kLikeService);
-            local_video_pass(warm, clip, 20);
-        }
-        for (int run = 0; run < runs; ++run) {
-            // Passes interleave so that drift in the machine's speed hits all three alike.
-            init_video(client, clip, pix_fmt);
-            double cpu0 = process_cpu(s.pid) + thread_cpu();
-            auto t0 = Clock::now();
-            long n = service_video_pass(client, clip, clip.packets.size());
-            service_fps.push_back(n / seconds_since(t0));
-            service_cpu.push_back((process_cpu(s.pid) + thread_cpu() - cpu0) * 1e3 / n);
+        std::unique_ptr<LocalVideoDecoder> same_decoder, plain_decoder, direct_decoder;
+        Contender service = service_video(s, client, clip, pix_fmt);
+        Contender same =
+            local_video(same_decoder, clip, pix_fmt, LocalVideoDecoder::Output::kLikeService);
+        Contender plain =
+            local_video(plain_decoder, clip, pix_fmt, LocalVideoDecoder::Output::kScaleOnly);
+        Contender direct =
+            local_video(direct_decoder, clip, pix_fmt, LocalVideoDecoder::Output::kDirect);
+        race({&service, &same, &plain, &direct}, clip.packets.size(), 10, runs);
 
-            LocalVideoDecoder same;
-            open_local(same, clip, pix_fmt, LocalVideoDecoder::Output::kLikeService);
-            cpu0 = thread_cpu();
-            t0 = Clock::now();
-            n = local_video_pass(same, clip, clip.packets.size());
-            same_fps.push_back(n / seconds_since(t0));
-            same_cpu.push_back((thread_cpu() - cpu0) * 1e3 / n);
-
-            LocalVideoDecoder plain;
-            open_local(plain, clip, pix_fmt, LocalVideoDecoder::Output::kScaleOnly);
-            t0 = Clock::now();
-            n = local_video_pass(plain, clip, clip.packets.size());
-            plain_fps.push_back(n / seconds_since(t0));
-
-            LocalVideoDecoder direct;
-            open_local(direct, clip, pix_fmt, LocalVideoDecoder::Output::kDirect);
-            t0 = Clock::now();
-            n = local_video_pass(direct, clip, clip.packets.size());
-            direct_fps.push_back(n / seconds_since(t0));
-            note(
-                "%s run %d: service %.1f fps (%.2f ms CPU/picture), in-process same work %.1f "
-                "fps (%.2f ms), decode+convert %.1f fps, converting into the area %.1f fps",
-                name, run + 1, service_fps.back(), service_cpu.back(), same_fps.back(),
-                same_cpu.back(), plain_fps.back(), direct_fps.back());
-        }
-        const double sv = best(service_fps), same = best(same_fps), plain = best(plain_fps);
-        rows.push_back({fmt("%dp H.264 -> %s, same work in-process", clip.info.height, name),
-                        fmt("%.1f fps", sv), fmt("%.1f fps", same), fmt("%.3f", sv / same),
-                        verdict(sv / same >= 0.95, ">= 0.95")});
-        rows.push_back(
-            {fmt("%dp H.264 -> %s, in-process decode+convert only", clip.info.height, name),
-             fmt("%.1f fps", sv), fmt("%.1f fps", plain), fmt("%.3f", sv / plain), ""});
-        const double direct = best(direct_fps);
-        rows.push_back(
-            {fmt("%dp H.264 -> %s, in-process converting into the area", clip.info.height, name),
-             fmt("%.1f fps", sv), fmt("%.1f fps", direct), fmt("%.3f", sv / direct), ""});
-        const double scpu = least(service_cpu), lcpu = least(same_cpu);
-        rows.push_back(
-            {fmt("%dp H.264 -> %s, CPU per picture (service+client)", clip.info.height, name),
-             fmt("%.2f ms", scpu), fmt("%.2f ms same work", lcpu), fmt("%.3f", lcpu / scpu), ""});
+        const double sv = service.per_second(), sm = same.per_second();
+        note(
+            "%s: service %.1f fps, same work %.1f, decode+convert %.1f, converting into the "
+            "area %.1f",
+            name, sv, sm, plain.per_second(), direct.per_second());
+        const int h = clip.info.height;
+        rows.push_back({fmt("%dp H.264 -> %s, same work in-process", h, name), fmt("%.1f fps", sv),
+                        fmt("%.1f fps", sm), fmt("%.3f", sv / sm),
+                        verdict(sv / sm >= 0.95, ">= 0.95")});
+        rows.push_back({fmt("%dp H.264 -> %s, in-process decode+convert only", h, name),
+                        fmt("%.1f fps", sv), fmt("%.1f fps", plain.per_second()),
+                        fmt("%.3f", sv / plain.per_second()), ""});
+        rows.push_back({fmt("%dp H.264 -> %s, in-process converting into the area", h, name),
+                        fmt("%.1f fps", sv), fmt("%.1f fps", direct.per_second()),
+                        fmt("%.3f", sv / direct.per_second()), ""});
+        rows.push_back({fmt("%dp H.264 -> %s, CPU per picture (service+client)", h, name),
+                        fmt("%.2f ms", service.cpu_per_output_ms()),
+                        fmt("%.2f ms same work", same.cpu_per_output_ms()),
+                        fmt("%.3f", same.cpu_per_output_ms() / service.cpu_per_output_ms()), ""});
     }
-}
-
-// CPU time of a whole process in seconds, threads that have ended included (clock ticks).
-double process_cpu_total(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    size_t paren = text.rfind(')');
-    if (paren == std::string::npos) {
-        return 0;
-    }
-    // Fields after the command name: state is field 3, utime 14 and stime 15.
-    std::istringstream fields(text.substr(paren + 2));
-    std::string field;
-    double utime = 0, stime = 0;
-    for (int i = 3; i <= 15 && fields >> field; ++i) {
-        if (i == 14) {
-            utime = atof(field.c_str());
-        } else if (i == 15) {
-            stime = atof(field.c_str());
-        }
-    }
-    return (utime + stime) / sysconf(_SC_CLK_TCK);
 }
 
 double own_process_cpu() {
@@ -503,105 +533,178 @@ double own_process_cpu() {
     return ts.tv_sec + ts.tv_nsec / 1e9;
 }
 
-struct PassResult {
-    double fps = 0;
-    double cpu_ms = 0;  // per picture: the service's (with its clients) or this process's
+// Threads that each decode the same slice of packets at the same time.
+class Team {
+  public:
+    Team(int members, std::function<long(int member, size_t from, size_t to)> work)
+        : work_(std::move(work)) {
+        for (int i = 0; i < members; ++i) {
+            threads_.emplace_back(&Team::loop, this, i);
+        }
+    }
+    Team(const Team&) = delete;
+    Team& operator=(const Team&) = delete;
+    virtual ~Team() {
+        {
+            std::lock_guard<std::mutex> lock(m_);
+            quit_ = true;
+        }
+        cv_.notify_all();
+        for (auto& t : threads_) {
+            t.join();
+        }
+    }
+
+    // Every member decodes [from, to); returns when all are done, with their outputs.
+    long run(size_t from, size_t to) {
+        std::unique_lock<std::mutex> lock(m_);
+        from_ = from;
+        to_ = to;
+        done_ = 0;
+        outputs_ = 0;
+        ++generation_;
+        cv_.notify_all();
+        done_cv_.wait(lock, [this] { return done_ == static_cast<int>(threads_.size()); });
+        return outputs_;
+    }
+
+  private:
+    void loop(int member) {
+        int seen = 0;
+        for (;;) {
+            size_t from, to;
+            {
+                std::unique_lock<std::mutex> lock(m_);
+                cv_.wait(lock, [&] { return quit_ || generation_ != seen; });
+                if (quit_) {
+                    return;
+                }
+                seen = generation_;
+                from = from_;
+                to = to_;
+            }
+            long n = work_(member, from, to);
+            std::lock_guard<std::mutex> lock(m_);
+            outputs_ += n;
+            if (++done_ == static_cast<int>(threads_.size())) {
+                done_cv_.notify_one();
+            }
+        }
+    }
+
+    std::function<long(int, size_t, size_t)> work_;
+    std::mutex m_;
+    std::condition_variable cv_, done_cv_;
+    int generation_ = 0, done_ = 0;
+    bool quit_ = false;
+    size_t from_ = 0, to_ = 0;
+    long outputs_ = 0;
+    std::vector<std::thread> threads_;
 };
 
-// Runs `clients` decoders at once, each on its own thread, through the service or in-process
-// (`s` null).
-PassResult concurrent_pass(Service* s, const Clip& clip, int clients, size_t packets) {
-    std::mutex m;
-    std::condition_variable cv;
-    int ready = 0;
-    bool go = false;
-    std::atomic<long> outputs{0};
-    std::vector<std::thread> threads;
-    std::vector<Clock::time_point> finished(clients);
-    Clock::time_point start;
-    for (int i = 0; i < clients; ++i) {
-        threads.emplace_back([&, i] {
-            std::unique_ptr<mediaclient::DecoderClient> client;
-            std::unique_ptr<LocalVideoDecoder> local;
-            if (s != nullptr) {
-                client.reset(new mediaclient::DecoderClient());
-                check(client->connect_posix(s->socket), "decoder client");
-                init_video(*client, clip, AV_PIX_FMT_YUV420P);
+// One level of concurrency: `n` decoder clients of the service, or `n` in-process decoders.
+struct Level {
+    std::vector<std::unique_ptr<mediaclient::DecoderClient>> clients;
+    std::vector<std::unique_ptr<LocalVideoDecoder>> decoders;
+    std::unique_ptr<Team> team;
+    Contender contender;
+};
+
+void make_level(Level* level, Service* s, const Clip& clip, int n) {
+    const int pix_fmt = AV_PIX_FMT_YUV420P;
+    for (int i = 0; i < n; ++i) {
+        if (s != nullptr) {
+            level->clients.emplace_back(new mediaclient::DecoderClient());
+            check(level->clients.back()->connect_posix(s->socket), "decoder client");
+        } else {
+            level->decoders.emplace_back();
+        }
+    }
+    Contender& c = level->contender;
+    if (s != nullptr) {
+        c.reset = [level, &clip] {
+            for (auto& client : level->clients) {
+                init_video(*client, clip, pix_fmt);
+            }
+        };
+        const pid_t pid = s->pid;
+        c.cpu = [pid] { return process_cpu(pid) + own_process_cpu(); };
+    } else {
+        c.reset = [level, &clip] {
+            for (auto& decoder : level->decoders) {
+                decoder.reset(new LocalVideoDecoder());
+                open_local(*decoder, clip, pix_fmt, LocalVideoDecoder::Output::kLikeService);
+            }
+        };
+        c.cpu = own_process_cpu;
+    }
+    level->team.reset(new Team(n, [level, &clip](int member, size_t from, size_t to) {
+        long outputs = 0;
+        for (size_t i = from; i < to; ++i) {
+            const Packet& p = clip.packets[i];
+            if (!level->clients.empty()) {
+                ExchangeResult r{};
+                check(level->clients[member]->decode_frame(p.data.data(), p.data.size(), p.pts_us,
+                                                           &r),
+                      "decode");
+                outputs += r.status == STATUS_OK && r.output_size > 0;
             } else {
-                local.reset(new LocalVideoDecoder());
-                open_local(*local, clip, AV_PIX_FMT_YUV420P,
-                           LocalVideoDecoder::Output::kLikeService);
+                Answer a = level->decoders[member]->decode(
+                    p.data.data(), static_cast<int>(p.data.size()), p.pts_us);
+                outputs += a.status == STATUS_OK && a.size > 0;
             }
-            {
-                std::unique_lock<std::mutex> lock(m);
-                ++ready;
-                cv.notify_all();
-                cv.wait(lock, [&] { return go; });
-            }
-            outputs += client ? service_video_pass(*client, clip, packets)
-                              : local_video_pass(*local, clip, packets);
-            finished[i] = Clock::now();
-        });
-    }
-    double cpu0;
-    {
-        std::unique_lock<std::mutex> lock(m);
-        cv.wait(lock, [&] { return ready == clients; });
-        cpu0 = own_process_cpu() + (s != nullptr ? process_cpu_total(s->pid) : 0);
-        go = true;
-        start = Clock::now();
-        cv.notify_all();
-    }
-    for (auto& t : threads) {
-        t.join();
-    }
-    const double cpu = own_process_cpu() + (s != nullptr ? process_cpu_total(s->pid) : 0) - cpu0;
-    const double wall =
-        std::chrono::duration<double>(*std::max_element(finished.begin(), finished.end()) - start)
-            .count();
-    return PassResult{outputs / wall, cpu * 1e3 / std::max(1L, outputs.load())};
+        }
+        return outputs;
+    }));
+    c.run = [level](size_t from, size_t to) { return level->team->run(from, to); };
 }
 
 void bench_concurrency(Service& s, const Clip& clip, size_t packets, int runs) {
-    double one = 0;
-    for (int clients : {1, 2, 4, 8}) {
-        std::vector<double> service_fps, local_fps, service_cpu, local_cpu;
-        for (int run = 0; run < runs; ++run) {
-            PassResult r = concurrent_pass(&s, clip, clients, packets);
-            service_fps.push_back(r.fps);
-            service_cpu.push_back(r.cpu_ms);
-            r = concurrent_pass(nullptr, clip, clients, packets);
-            local_fps.push_back(r.fps);
-            local_cpu.push_back(r.cpu_ms);
-            note(
-                "%d clients run %d: service %.1f fps (%.2f ms CPU/picture), in-process threads "
-                "%.1f fps (%.2f ms)",
-                clients, run + 1, service_fps.back(), service_cpu.back(), local_fps.back(),
-                local_cpu.back());
-        }
-        const double sv = best(service_fps), local = best(local_fps);
-        if (clients == 1) {
-            one = sv;
-        }
-        rows.push_back({fmt("%d concurrent decoder client%s, aggregate (yuv420p)", clients,
-                            clients > 1 ? "s" : ""),
-                        fmt("%.1f fps", sv), fmt("%d in-process threads %.1f fps", clients, local),
-                        clients == 1 ? "1.00x" : fmt("%.2fx", sv / one),
-                        clients == 2 ? verdict(sv / one >= 1.8, ">= 1.8x of 1 client") : ""});
-        rows.push_back(
-            {fmt("%d client%s, CPU per picture (service+client)", clients, clients > 1 ? "s" : ""),
-             fmt("%.2f ms", least(service_cpu)), fmt("%.2f ms in-process", least(local_cpu)), "",
-             ""});
+    const int counts[] = {1, 2, 4, 8};
+    Level service[4], local[4];
+    std::vector<Contender*> contenders;
+    for (int i = 0; i < 4; ++i) {
+        make_level(&service[i], &s, clip, counts[i]);
+        make_level(&local[i], nullptr, clip, counts[i]);
+        contenders.push_back(&service[i].contender);
+        contenders.push_back(&local[i].contender);
     }
+    race(contenders, std::min(packets, clip.packets.size()), 10, runs);
+    const double one = service[0].contender.per_second();
+    const double local_one = local[0].contender.per_second();
+    for (int i = 0; i < 4; ++i) {
+        const Contender& sv = service[i].contender;
+        const Contender& lo = local[i].contender;
+        note(
+            "%d clients: service %.1f fps (%.2f ms CPU/picture), in-process threads %.1f fps "
+            "(%.2f ms)",
+            counts[i], sv.per_second(), sv.cpu_per_output_ms(), lo.per_second(),
+            lo.cpu_per_output_ms());
+        rows.push_back(
+            {fmt("%d concurrent decoder client%s, aggregate (yuv420p)", counts[i],
+                 counts[i] > 1 ? "s" : ""),
+             fmt("%.1f fps", sv.per_second()),
+             fmt("%d in-process thread%s %.1f fps (%.2fx)", counts[i], counts[i] > 1 ? "s" : "",
+                 lo.per_second(), lo.per_second() / local_one),
+             fmt("%.2fx", sv.per_second() / one),
+             counts[i] == 2 ? verdict(sv.per_second() / one >= 1.8, ">= 1.8x of 1 client") : ""});
+    }
+    rows.push_back({"1 / 2 clients, CPU per picture (service+client)",
+                    fmt("%.2f / %.2f ms", service[0].contender.cpu_per_output_ms(),
+                        service[1].contender.cpu_per_output_ms()),
+                    fmt("%.2f / %.2f ms in-process", local[0].contender.cpu_per_output_ms(),
+                        local[1].contender.cpu_per_output_ms()),
+                    "", ""});
 }
 
 void bench_audio(Service& s, const Clip& clip, int runs) {
     const int out_fmt = AV_SAMPLE_FMT_S16, out_channels = 2, out_rate = 44100;
     mediaclient::DecoderClient client;
     check(client.connect_posix(s.socket), "decoder client");
-    const double duration = clip.info.duration_us > 0 ? clip.info.duration_us / 1e6 : 0;
-    std::vector<double> service_rtf, local_rtf, service_cpu, local_cpu;
-    for (int run = 0; run < runs + 1; ++run) {
+    std::unique_ptr<LocalAudioDecoder> local_decoder;
+
+    Contender service;
+    service.reset = [&] {
         mediaclient::AudioInitParams p;
         p.in_sample_fmt = clip.info.sample_fmt;
         p.in_channels = clip.info.channels;
@@ -616,38 +719,49 @@ void bench_audio(Service& s, const Clip& clip, int runs) {
         if (r.status != STATUS_OK) {
             die("the service could not set up the audio decoder");
         }
-        double cpu0 = process_cpu(s.pid) + thread_cpu();
-        auto t0 = Clock::now();
-        for (const Packet& pk : clip.packets) {
+    };
+    service.run = [&](size_t from, size_t to) {
+        ExchangeResult r{};
+        long outputs = 0;
+        for (size_t i = from; i < to; ++i) {
+            const Packet& pk = clip.packets[i];
             check(client.decode_frame(pk.data.data(), pk.data.size(), pk.pts_us, &r), "decode");
+            outputs += r.status == STATUS_OK;
         }
-        const double sv = duration / seconds_since(t0);
-        const double scpu = (process_cpu(s.pid) + thread_cpu() - cpu0) * 1e6 / clip.packets.size();
+        return outputs;
+    };
+    const pid_t pid = s.pid;
+    service.cpu = [pid] { return process_cpu(pid) + thread_cpu(); };
 
-        LocalAudioDecoder local;
+    Contender local;
+    local.reset = [&] {
+        local_decoder.reset(new LocalAudioDecoder());
         std::string error;
-        if (!local.open(clip.info, out_fmt, out_channels, out_rate, &error)) {
+        if (!local_decoder->open(clip.info, out_fmt, out_channels, out_rate, &error)) {
             die("in-process audio decoder: %s", error.c_str());
         }
-        cpu0 = thread_cpu();
-        t0 = Clock::now();
-        for (const Packet& pk : clip.packets) {
-            local.decode(pk.data.data(), static_cast<int>(pk.data.size()), pk.pts_us);
+    };
+    local.run = [&](size_t from, size_t to) {
+        long outputs = 0;
+        for (size_t i = from; i < to; ++i) {
+            const Packet& pk = clip.packets[i];
+            Answer a =
+                local_decoder->decode(pk.data.data(), static_cast<int>(pk.data.size()), pk.pts_us);
+            outputs += a.status == STATUS_OK;
         }
-        const double lo = duration / seconds_since(t0);
-        const double lcpu = (thread_cpu() - cpu0) * 1e6 / clip.packets.size();
-        if (run > 0) {  // the first run warms up
-            service_rtf.push_back(sv);
-            local_rtf.push_back(lo);
-            service_cpu.push_back(scpu);
-            local_cpu.push_back(lcpu);
-        }
-    }
-    const double sv = best(service_rtf), lo = best(local_rtf);
+        return outputs;
+    };
+    local.cpu = thread_cpu;
+
+    race({&service, &local}, clip.packets.size(), 100, runs);
+    // Media seconds decoded per second of wall time.
+    const double media = clip.info.duration_us / 1e6 * runs;
+    const double sv = media / service.secs, lo = media / local.secs;
     rows.push_back({fmt("AAC %d Hz %d ch -> s16 44100 Hz 2 ch, x real time", clip.info.sample_rate,
                         clip.info.channels),
                     fmt("%.0fx", sv), fmt("%.0fx in-process", lo), fmt("%.3f", sv / lo), ""});
-    const double scpu = least(service_cpu), lcpu = least(local_cpu);
+    const double scpu = service.cpu_secs * 1e6 / service.packets;
+    const double lcpu = local.cpu_secs * 1e6 / local.packets;
     rows.push_back({"AAC, CPU per packet (service+client)", fmt("%.0f us", scpu),
                     fmt("%.0f us same work", lcpu), fmt("%.3f", lcpu / scpu), ""});
 }
@@ -766,8 +880,7 @@ int main(int argc, char** argv) {
     }
     if (opt.wants("clients")) {
         note("concurrent clients");
-        bench_concurrency(service, video, static_cast<size_t>(opt.clients_packets),
-                          std::min(opt.runs, 3));
+        bench_concurrency(service, video, static_cast<size_t>(opt.clients_packets), opt.runs);
     }
     if (opt.wants("audio")) {
         note("audio");
