@@ -1,6 +1,7 @@
 // A client decodes a real AAC stream through the running service and gets, packet by packet,
 // what the same libraries produce in-process.
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,11 @@ struct OutputFormat {
     int32_t sample_rate;
     bool posix;  // POSIX object (type 3) or passed descriptor (type 2)
 };
+
+// Names the parameter in test listings instead of dumping its bytes.
+void PrintTo(const OutputFormat& format, std::ostream* os) {
+    *os << format.label;
+}
 
 class AudioEndToEndTest : public ::testing::TestWithParam<OutputFormat> {};
 
