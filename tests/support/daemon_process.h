@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <map>
 #include <string>
 
@@ -10,8 +11,16 @@
 // preloaded (daemon() keeps the process in the foreground with its streams; ashmem requests are
 // answered on memfd descriptors). The destructor kills and reaps a process still running and
 // removes the temporary directory.
+//
+// With preload_hooks = false the unmodified binary daemonises: daemon() forks, the started process
+// exits and the service runs on in its child, with its standard streams on /dev/null (the log
+// stays empty). The test process then makes itself a child subreaper (PR_SET_CHILD_SUBREAPER, for
+// the rest of its life) so that the orphaned service is reparented to it and can be reaped, and
+// start() learns the service's pid from the peer credentials (SO_PEERCRED) of a connection to the
+// socket; that connection shows up in the service as one pending client that goes away at once.
+// start() then needs the socket directory to exist.
 class DaemonProcess {
-public:
+  public:
     struct Options {
         std::map<std::string, std::string> env;  // extra or overriding environment
         bool unset_xdg_runtime_dir = false;      // start without XDG_RUNTIME_DIR
@@ -27,8 +36,8 @@ public:
     DaemonProcess& operator=(const DaemonProcess&) = delete;
     ~DaemonProcess();
 
-    // Starts the process and, when the socket directory exists, waits (bounded) until the log
-    // says the loop runs.
+    // Starts the process and waits (bounded) until the log says the loop runs (for the
+    // daemonising binary: until its socket answers). False when that did not happen.
     bool start();
     pid_t pid() const { return pid_; }
     const std::string& runtime_dir() const { return runtime_dir_; }
@@ -46,10 +55,17 @@ public:
     int open_fd_count() const;
     int thread_count() const;
 
-private:
+    const std::string& log_path() const { return log_path_; }
+    // Exit status of the process that start() ran when it daemonised (preload_hooks = false): the
+    // parent that daemon() leaves. -1 until then.
+    int launcher_status() const { return launcher_status_; }
+
+  private:
     Options options_;
     pid_t pid_ = -1;
     bool reaped_ = false;
+    int exit_status_ = -1;
+    int launcher_status_ = -1;
     std::string runtime_dir_;
     std::string log_path_;
 };

@@ -1,0 +1,122 @@
+/* Test hooks, preloaded into the daemon under test (LD_PRELOAD) and compiled into the ashmem test
+ * program itself. The production binary is never changed for tests; these replacements stand in
+ * for what a test machine lacks or what would hide the process from the test:
+ *
+ * - daemon(): neither forks nor touches the standard streams, so the test keeps the process as
+ *   its child and reads its log. It records its arguments ("<nochdir> <noclose>\n") in the file
+ *   named by SVC_TEST_DAEMON_ARGS when that is set, and still honours nochdir.
+ * - ioctl(): answers the ashmem driver's ASHMEM_GET_SIZE (the size of the file) and ASHMEM_SET_SIZE
+ *   (ftruncate) on memfd descriptors, which stand in for ashmem regions; every other request, and
+ *   every other descriptor, goes to the kernel unchanged.
+ * - open()/open64(): the path named by SVC_TEST_ASHMEM_DEVICE (e.g. "/dev/ashmem") opens a new
+ *   memfd, as the ashmem device gives a new region per open.
+ *
+ * The file compiles as C and as C++. */
+
+#ifndef _GNU_SOURCE
+#define _GNU_SOURCE
+#endif
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#ifdef __cplusplus
+#define SVC_HOOK_NOTHROW noexcept
+extern "C" {
+#else
+#define SVC_HOOK_NOTHROW
+#endif
+
+#define SVC_ASHMEM_SET_SIZE _IOW(0x77, 3, size_t)
+#define SVC_ASHMEM_GET_SIZE _IO(0x77, 4)
+
+static int svc_hook_is_memfd(int fd) {
+    char link[64];
+    char target[256];
+    snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
+    ssize_t n = readlink(link, target, sizeof(target) - 1);
+    if (n < 0) {
+        return 0;
+    }
+    target[n] = '\0';
+    return strncmp(target, "/memfd:", 7) == 0;
+}
+
+int daemon(int nochdir, int noclose) SVC_HOOK_NOTHROW {
+    const char* record = getenv("SVC_TEST_DAEMON_ARGS");
+    if (record != NULL && record[0] != '\0') {
+        FILE* file = fopen(record, "w");
+        if (file != NULL) {
+            fprintf(file, "%d %d\n", nochdir, noclose);
+            fclose(file);
+        }
+    }
+    if (nochdir == 0 && chdir("/") != 0) {
+        return -1;
+    }
+    return 0;
+}
+
+int ioctl(int fd, unsigned long request, ...) SVC_HOOK_NOTHROW {
+    va_list args;
+    va_start(args, request);
+    unsigned long arg = va_arg(args, unsigned long);
+    va_end(args);
+
+    if ((request == SVC_ASHMEM_GET_SIZE || request == SVC_ASHMEM_SET_SIZE) &&
+        svc_hook_is_memfd(fd)) {
+        if (request == SVC_ASHMEM_SET_SIZE) {
+            return ftruncate(fd, (off_t)arg);
+        }
+        struct stat st;
+        if (fstat(fd, &st) != 0) {
+            return -1;
+        }
+        return (int)st.st_size;
+    }
+    return (int)syscall(SYS_ioctl, fd, request, arg);
+}
+
+static int svc_hook_open(const char* path, int flags, mode_t mode) {
+    const char* device = getenv("SVC_TEST_ASHMEM_DEVICE");
+    if (device != NULL && device[0] != '\0' && path != NULL && strcmp(path, device) == 0) {
+        return memfd_create("ashmem", (flags & O_CLOEXEC) != 0 ? MFD_CLOEXEC : 0);
+    }
+    return (int)syscall(SYS_openat, AT_FDCWD, path, flags, mode);
+}
+
+static mode_t svc_hook_mode(int flags, va_list args) {
+    if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {
+        return (mode_t)va_arg(args, int);
+    }
+    return 0;
+}
+
+int open(const char* path, int flags, ...) {
+    va_list args;
+    va_start(args, flags);
+    mode_t mode = svc_hook_mode(flags, args);
+    va_end(args);
+    return svc_hook_open(path, flags, mode);
+}
+
+int open64(const char* path, int flags, ...) {
+    va_list args;
+    va_start(args, flags);
+    mode_t mode = svc_hook_mode(flags, args);
+    va_end(args);
+    return svc_hook_open(path, flags | O_LARGEFILE, mode);
+}
+
+#ifdef __cplusplus
+}
+#endif
