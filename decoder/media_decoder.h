@@ -20,7 +20,7 @@
 // The service side of one decoder client: maps the client's exchange block and serves its
 // requests on a worker thread of its own.
 class MediaDecoder {
-public:
+  public:
     template <typename T>
     using av_ptr = std::unique_ptr<T, std::function<void(T*)>>;
 
@@ -97,7 +97,7 @@ public:
     // zero): the worker has ended and the client must be dropped.
     std::atomic<int> block_lost{0};
 
-private:
+  private:
     void dispatch(uint32_t request_type);
     bool check_block_lost();
     int guard_slot = -1;

@@ -12,9 +12,8 @@ constexpr int kDefaultOutSampleRate = 44100;
 
 }  // namespace
 
-bool MediaDecoder::init_audio_codec_context(AVCodecID codec_id, int param1, int param2,
-                                            int param3, int param4, int param5, int param6,
-                                            int param7) {
+bool MediaDecoder::init_audio_codec_context(AVCodecID codec_id, int param1, int param2, int param3,
+                                            int param4, int param5, int param6, int param7) {
     LOGD("init audio codec context");
     DeferAction failure([this] { write_failure(); });
 
@@ -112,10 +111,9 @@ int MediaDecoder::decode_audio(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame
         layout = ffcompat::default_channel_layout(frame_channels);
     }
 
-    const bool reusable = state.swr_ctx && state.in_channels == n_in &&
-                          state.in_channel_layout == layout &&
-                          state.in_sample_rate == frm->sample_rate &&
-                          state.in_sample_fmt == frm->format;
+    const bool reusable =
+        state.swr_ctx && state.in_channels == n_in && state.in_channel_layout == layout &&
+        state.in_sample_rate == frm->sample_rate && state.in_sample_fmt == frm->format;
     if (!reusable) {
         state.swr_ctx.reset();
         state.in_sample_rate = frm->sample_rate;
@@ -152,8 +150,8 @@ int MediaDecoder::decode_audio(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame
     DeferAction free_planes([&planes] { av_freep(&planes); });
 
     const AVSampleFormat out_format = static_cast<AVSampleFormat>(state.out_sample_fmt);
-    int needed = av_samples_get_buffer_size(nullptr, state.out_channels, frm->nb_samples,
-                                            out_format, 0);
+    int needed =
+        av_samples_get_buffer_size(nullptr, state.out_channels, frm->nb_samples, out_format, 0);
     if (needed < 0) {
         LOGE("could not get buffer size for target audio samples");
         return AVERROR_UNKNOWN;
@@ -163,8 +161,8 @@ int MediaDecoder::decode_audio(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame
         LOGE("converted audio exceeds the output area: %d bytes", needed);
         return AVERROR_UNKNOWN;
     }
-    if (av_samples_fill_arrays(planes, nullptr, output_area(), state.out_channels,
-                               frm->nb_samples, out_format, 0) < 0) {
+    if (av_samples_fill_arrays(planes, nullptr, output_area(), state.out_channels, frm->nb_samples,
+                               out_format, 0) < 0) {
         LOGE("could not fill target audio sample pointers");
         return AVERROR_UNKNOWN;
     }

@@ -46,8 +46,8 @@ bool MediaDecoder::init_video_codec_context(AVCodecID codec_id, int width, int h
     state.pix_fmt = pix_fmt;
     state.out_width = out_width;
     state.out_height = out_height;
-    state.out_pix_fmt = static_cast<uint32_t>(out_pix_fmt) >= kPixFmtLimit ? AV_PIX_FMT_YUV420P
-                                                                           : out_pix_fmt;
+    state.out_pix_fmt =
+        static_cast<uint32_t>(out_pix_fmt) >= kPixFmtLimit ? AV_PIX_FMT_YUV420P : out_pix_fmt;
 
     const AVCodec* codec = avcodec_find_decoder(codec_id);
     if (codec == nullptr) {
@@ -102,8 +102,7 @@ bool MediaDecoder::init_video_codec_context(AVCodecID codec_id, int width, int h
             }
         }
         if (hw_pix_fmt == AV_PIX_FMT_NONE) {
-            LOGE("decoder %s does not support device type %s", codec->name,
-                 device_type_name(type));
+            LOGE("decoder %s does not support device type %s", codec->name, device_type_name(type));
         }
 
         av_ptr<AVCodecContext> hw_ctx = own_hw_codec_context(avcodec_alloc_context3(codec));
@@ -262,10 +261,10 @@ int MediaDecoder::decode_video(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame
 
     video_context_t& state = *video_ctx;
     const AVPixelFormat out_format = static_cast<AVPixelFormat>(state.out_pix_fmt);
-    SwsContext* sws = sws_getCachedContext(
-        state.sws_ctx.release(), source->width, source->height,
-        static_cast<AVPixelFormat>(source->format), state.out_width, state.out_height, out_format,
-        SWS_BILINEAR, nullptr, nullptr, nullptr);
+    SwsContext* sws =
+        sws_getCachedContext(state.sws_ctx.release(), source->width, source->height,
+                             static_cast<AVPixelFormat>(source->format), state.out_width,
+                             state.out_height, out_format, SWS_BILINEAR, nullptr, nullptr, nullptr);
     if (sws == nullptr) {
         LOGE("cannot initialize convertion context");
         return AVERROR(ENOMEM);

@@ -87,7 +87,9 @@ void DecoderHarness::write_reset(int32_t a, int32_t b, int32_t c) {
     memcpy(block_, &request, sizeof(request));
 }
 
-void DecoderHarness::write_request_type(uint32_t type) { memcpy(block_, &type, sizeof(type)); }
+void DecoderHarness::write_request_type(uint32_t type) {
+    memcpy(block_, &type, sizeof(type));
+}
 
 void DecoderHarness::signal_request() {
     {
@@ -124,9 +126,13 @@ bool DecoderHarness::wait_completions(int count, int timeout_ms) {
     return completions_ >= wanted_;
 }
 
-void DecoderHarness::on_notify(ev::async&, int) { ++completions_; }
+void DecoderHarness::on_notify(ev::async&, int) {
+    ++completions_;
+}
 
-void DecoderHarness::on_timeout(ev::timer&, int) { timed_out_ = true; }
+void DecoderHarness::on_timeout(ev::timer&, int) {
+    timed_out_ = true;
+}
 
 ExchangeResult DecoderHarness::result() const {
     ExchangeResult r;

@@ -14,7 +14,7 @@
 // playing both the client (writing requests) and the loop thread (request signal, completion
 // through an ev::async on a private loop).
 class DecoderHarness {
-public:
+  public:
     DecoderHarness();
     ~DecoderHarness();  // gives the quit signal, destroys the decoder, unmaps the block
 
@@ -42,7 +42,7 @@ public:
     ExchangeResult result() const;
     void set_result(const ExchangeResult& r);
 
-private:
+  private:
     void on_notify(ev::async& watcher, int revents);
     void on_timeout(ev::timer& watcher, int revents);
 
@@ -58,13 +58,13 @@ private:
 
 // Sends the process-wide log to a temporary file for the lifetime of the object.
 class LogCapture {
-public:
+  public:
     LogCapture();
     ~LogCapture();
     std::string text() const;
     bool contains(const std::string& needle) const;
     size_t count(const std::string& needle) const;
 
-private:
+  private:
     std::string path_;
 };

@@ -118,7 +118,7 @@ int audio_codec_index(const std::string& codec_name) {
 
 bool have_encoder(const std::string& encoder) {
     return avcodec_find_encoder_by_name(encoder.c_str()) != nullptr ||
-           system(("ffmpeg -hide_banner -h encoder=" + encoder + " 2>/dev/null | grep -q 'Encoder " +
-                   encoder + "'")
+           system(("ffmpeg -hide_banner -h encoder=" + encoder +
+                   " 2>/dev/null | grep -q 'Encoder " + encoder + "'")
                       .c_str()) == 0;
 }

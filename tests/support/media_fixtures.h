@@ -17,8 +17,8 @@ struct DemuxedStream {
     std::string codec_name;  // FFmpeg decoder name, e.g. "h264", "aac"
     int codec_id = 0;        // AVCodecID
     bool is_video = false;
-    int width = 0, height = 0, pix_fmt = -1;               // video
-    int sample_rate = 0, channels = 0, sample_fmt = -1;    // audio
+    int width = 0, height = 0, pix_fmt = -1;             // video
+    int sample_rate = 0, channels = 0, sample_fmt = -1;  // audio
     int time_base_num = 1, time_base_den = 1;
     std::vector<uint8_t> extradata;
     std::vector<DemuxedPacket> packets;
