@@ -154,6 +154,10 @@ TEST_F(HandshakeTest, LongRecordIsCutAndAccepted) {
     // A 255-byte name fills the record without a terminator; what follows is cut by the socket.
     std::string name = "/" + std::string(254, 'n');
     ScopedShm shm(SHM_BLOCK_SIZE, name);
+    if (!shm.valid() && errno == EINVAL) {
+        // glibc before 2.34 (Debian 11) takes at most 253 characters after the slash.
+        GTEST_SKIP() << "the C library refuses a name of 254 characters";
+    }
     ASSERT_TRUE(shm.valid()) << strerror(errno);
     uint8_t* block = shm.map_block();
     ASSERT_NE(block, nullptr);

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <sstream>
@@ -34,7 +35,9 @@ ScopedShm::ScopedShm(size_t size, const std::string& name) : name_(name) {
         fd_ = -1;
     }
     if (fd_ < 0) {
+        const int err = errno;  // the caller reports why creating failed
         shm_unlink(name_.c_str());
+        errno = err;
     }
 }
 
