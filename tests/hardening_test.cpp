@@ -58,7 +58,7 @@ const DemuxedStream* large_video() {
     static bool ok = [] {
         std::string path = make_media(
             "hardening_large.mp4",
-            "-f lavfi -i testsrc=size=640x480:rate=25 -frames:v 10 -c:v libx264 -pix_fmt yuv420p");
+            "-f lavfi -i testsrc=size=640x480:rate=25 -frames:v 20 -c:v libx264 -pix_fmt yuv420p");
         return !path.empty() && demux_first_stream(path, true, &stream) && !stream.packets.empty();
     }();
     return ok ? &stream : nullptr;
@@ -255,7 +255,7 @@ TEST_P(ShrinkTest, DuringADecodeTheClientIsDropped) {
     const uint32_t codec = static_cast<uint32_t>(video_codec_index(large->codec_name));
     const int fds_before = daemon.open_fd_count();
 
-    // The block is truncated a third of the way into a request that converts a picture to a
+    // The block is truncated a quarter of the way into a request that converts a picture to a
     // 16 MiB output. Whether the worker was still inside the request shows in the log: its
     // "decode frame" line came before the loss. A truncation that misses (the request finished
     // first, or had not begun) must be survived all the same; it is tried again.
@@ -270,17 +270,19 @@ TEST_P(ShrinkTest, DuringADecodeTheClientIsDropped) {
                               large->extradata.data(), large->extradata.size(), &r, kWaitMs),
             ClientError::kOk);
         ASSERT_EQ(r.status, STATUS_OK);
-        // Decode until a picture comes, timing the request that produced it.
+        // Decode until three pictures have come, keeping the shortest time of a request that
+        // produced one (the first is slowed by the conversion's setup).
         std::chrono::duration<double> picture_time{0};
+        int pictures = 0;
         size_t next = 0;
-        while (next < large->packets.size()) {
+        while (next < large->packets.size() && pictures < 3) {
             const auto& p = large->packets[next++];
             auto start = std::chrono::steady_clock::now();
             ASSERT_EQ(victim.decode_frame(p.data.data(), p.data.size(), p.pts, &r, kWaitMs),
                       ClientError::kOk);
-            if (r.status == STATUS_OK) {
-                picture_time = std::chrono::steady_clock::now() - start;
-                break;
+            std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+            if (r.status == STATUS_OK && (pictures++ == 0 || took < picture_time)) {
+                picture_time = took;
             }
         }
         ASSERT_LT(next, large->packets.size());
@@ -290,7 +292,7 @@ TEST_P(ShrinkTest, DuringADecodeTheClientIsDropped) {
         const size_t lost_before = daemon.count_in_log(kBlockLost);
 
         ASSERT_EQ(victim.ring(), ClientError::kOk);
-        std::this_thread::sleep_for(picture_time / 3);
+        std::this_thread::sleep_for(picture_time / 4);
         ASSERT_TRUE(shrink(victim, posix, memfd));
         ClientError answer = victim.wait_sync(kWaitMs);
         if (answer == ClientError::kOk) {
