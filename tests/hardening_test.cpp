@@ -440,15 +440,16 @@ TEST(LeakRun, EveryRequestAndFailurePathThenOrderlyStop) {
     SessionClient second_session;  // refused: one session per service lifetime
     ASSERT_EQ(second_session.connect(path), ClientError::kOk);
     EXPECT_TRUE(wait_closed(second_session.fd(), kWaitMs));
+    const int fds_before = daemon.open_fd_count();
     {
-        // One worker has come and gone before the figures are taken: a sanitizer may start a
-        // thread of its own with the first one.
+        // One worker has come and gone before the thread figure is taken: a sanitizer may start
+        // a thread of its own with the first one.
         DecoderClient first;
         ASSERT_EQ(first.connect_posix(path), ClientError::kOk);
         ASSERT_EQ(first.flush(kWaitMs), ClientError::kOk);
     }
-    ASSERT_TRUE(daemon.wait_for_log("cleaning disconnected and/or error decoder clients", kWaitMs));
-    const int fds_before = daemon.open_fd_count();
+    // The connection is closed last, after the worker has been joined.
+    ASSERT_TRUE(eventually([&] { return daemon.open_fd_count() == fds_before; }, kWaitMs));
     const int idle_threads = daemon.thread_count();
 
     // Refused handshakes.
