@@ -284,7 +284,8 @@ int MediaDecoder::decode_video(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame
 
     uint8_t* planes[4] = {nullptr};
     int linesizes[4] = {0};
-    size = av_image_alloc(planes, linesizes, state.out_width, state.out_height, out_format, 1);
+    size =
+        ffcompat::image_alloc(planes, linesizes, state.out_width, state.out_height, out_format, 1);
     if (size < 0) {
         LOGE("image buffer alloc failed");
         return size;
