@@ -104,8 +104,8 @@ bool LocalVideoDecoder::open(const StreamInfo& info, int out_width, int out_heig
     if (mode_ != Output::kScaleOnly) {
         area_.reset(new OutputArea());
     } else {
-        picture_size_ = av_image_alloc(picture_, linesizes_, out_width_, out_height_,
-                                       static_cast<AVPixelFormat>(out_pix_fmt_), 1);
+        picture_size_ = ffcompat::image_alloc(picture_, linesizes_, out_width_, out_height_,
+                                              static_cast<AVPixelFormat>(out_pix_fmt_), 1);
         if (picture_size_ < 0) {
             *error = "cannot allocate the picture buffer: " + av_error(picture_size_);
             return false;
@@ -171,9 +171,10 @@ Answer LocalVideoDecoder::decode(const uint8_t* data, int size, int64_t pts) {
         uint8_t* planes[4] = {nullptr};
         int linesizes[4] = {0};
         uint8_t* area = area_->data();
-        picture_size =
-            av_image_fill_arrays(planes, linesizes, area, out_format, out_width_, out_height_, 1);
-        if (picture_size < 0) {
+        // The size is the packed one computed above: FFmpeg 4 would add a palette to the
+        // pseudo-paletted formats here.
+        if (av_image_fill_arrays(planes, linesizes, area, out_format, out_width_, out_height_, 1) <
+            0) {
             return fail();
         }
         sws_scale(sws_, frame_->data, frame_->linesize, 0, frame_->height, planes, linesizes);
@@ -188,7 +189,7 @@ Answer LocalVideoDecoder::decode(const uint8_t* data, int size, int64_t pts) {
     }
     uint8_t* planes[4] = {nullptr};
     int linesizes[4] = {0};
-    picture_size = av_image_alloc(planes, linesizes, out_width_, out_height_, out_format, 1);
+    picture_size = ffcompat::image_alloc(planes, linesizes, out_width_, out_height_, out_format, 1);
     if (picture_size < 0) {
         return fail();
     }
