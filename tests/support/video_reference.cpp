@@ -18,6 +18,7 @@ extern "C" {
 }
 
 #include "decoder/exchange_block.h"
+#include "decoder/ffmpeg_compat.h"
 
 struct VideoReference::State {
     ~State() {
@@ -125,14 +126,13 @@ VideoStep VideoReference::decode(const uint8_t* data, int size, int64_t pts) {
     if (s.sws == nullptr) {
         return failed;
     }
-    uint8_t* planes[4] = {nullptr};
-    int linesizes[4] = {0};
-    int bytes = av_image_alloc(planes, linesizes, s.out_width, s.out_height, out_fmt, 1);
-    if (bytes < 0) {
+    const int bytes = av_image_get_buffer_size(out_fmt, s.out_width, s.out_height, 1);
+    if (bytes < 0 || static_cast<size_t>(bytes) > SHM_AREA_SIZE) {
         return failed;
     }
-    if (static_cast<size_t>(bytes) > SHM_AREA_SIZE) {
-        av_freep(&planes[0]);
+    uint8_t* planes[4] = {nullptr};
+    int linesizes[4] = {0};
+    if (ffcompat::image_alloc(planes, linesizes, s.out_width, s.out_height, out_fmt, 1) < 0) {
         return failed;
     }
     sws_scale(s.sws, frame->data, frame->linesize, 0, frame->height, planes, linesizes);
@@ -172,7 +172,7 @@ const VideoClip kVideoClips[] = {
 };
 const size_t kVideoClipCount = sizeof(kVideoClips) / sizeof(kVideoClips[0]);
 
-const VideoClip& video_clip(const std::string& name) {
+const VideoClip& video_clip(std::string_view name) {
     for (const VideoClip& c : kVideoClips) {
         if (name == c.name) {
             return c;

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "support/media_fixtures.h"
@@ -50,7 +51,9 @@ struct VideoClip {
 
 extern const VideoClip kVideoClips[];
 extern const size_t kVideoClipCount;
-const VideoClip& video_clip(const std::string& name);
+// The clip of that name (aborts on an unknown one). Taken as a view: with a temporary std::string
+// argument GCC 14 warns that the returned reference may dangle.
+const VideoClip& video_clip(std::string_view name);
 
 // Makes and demuxes a clip once per process; null (with a test failure) when that fails.
 const DemuxedStream* load_clip(const VideoClip& clip);
