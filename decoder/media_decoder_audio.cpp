@@ -47,7 +47,7 @@ bool MediaDecoder::init_audio_codec_context(AVCodecID codec_id, int param1, int 
         return false;
     }
     ffcompat::set_context_channels(ctx.get(), param2);
-    ctx->sample_fmt = static_cast<AVSampleFormat>(param1);
+    ctx->sample_fmt = sample_format_from(param1);
     if (param3 > 0) {
         ctx->sample_rate = param3;
     }
@@ -123,7 +123,7 @@ int MediaDecoder::decode_audio(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame
 
         av_ptr<SwrContext> swr(
             ffcompat::alloc_resampler(state.out_channel_layout,
-                                      static_cast<AVSampleFormat>(state.out_sample_fmt),
+                                      sample_format_from(state.out_sample_fmt),
                                       state.out_sample_rate, layout,
                                       static_cast<AVSampleFormat>(frm->format), frm->sample_rate),
             [](SwrContext* s) {
@@ -149,7 +149,7 @@ int MediaDecoder::decode_audio(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame
     }
     DeferAction free_planes([&planes] { av_freep(&planes); });
 
-    const AVSampleFormat out_format = static_cast<AVSampleFormat>(state.out_sample_fmt);
+    const AVSampleFormat out_format = sample_format_from(state.out_sample_fmt);
     int needed =
         av_samples_get_buffer_size(nullptr, state.out_channels, frm->nb_samples, out_format, 0);
     if (needed < 0) {

@@ -20,7 +20,7 @@ const char* device_type_name(AVHWDeviceType type) {
 }
 
 const char* pix_fmt_name(int format) {
-    const char* name = av_get_pix_fmt_name(static_cast<AVPixelFormat>(format));
+    const char* name = av_get_pix_fmt_name(pixel_format_from(format));
     return name != nullptr ? name : "none";
 }
 
@@ -64,7 +64,7 @@ bool MediaDecoder::init_video_codec_context(AVCodecID codec_id, int width, int h
     sw_ctx->codec_type = AVMEDIA_TYPE_VIDEO;
     sw_ctx->width = width;
     sw_ctx->height = height;
-    sw_ctx->pix_fmt = static_cast<AVPixelFormat>(pix_fmt);
+    sw_ctx->pix_fmt = pixel_format_from(pix_fmt);
     if (extradata_size > 0 && !append_extradata(sw_ctx.get(), extradata_size)) {
         return false;
     }
