@@ -31,7 +31,8 @@ struct RunResult {
     std::string out, err;
 };
 
-std::string slurp(const std::string& path) {
+// Unused when the tools are not built (SVC_BUILD_TOOLS=OFF).
+[[maybe_unused]] std::string slurp(const std::string& path) {
     std::ifstream in(path);
     std::stringstream ss;
     ss << in.rdbuf();
