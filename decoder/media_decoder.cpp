@@ -179,6 +179,7 @@ void MediaDecoder::media_decoding_thread() {
             check_block_lost();
         }
 
+        requests_done.fetch_add(1, std::memory_order_release);
         if (auto watcher = notify.lock()) {
             watcher->send();
         }

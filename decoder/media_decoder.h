@@ -97,6 +97,11 @@ class MediaDecoder {
     // zero): the worker has ended and the client must be dropped.
     std::atomic<int> block_lost{0};
 
+    // Counts finished requests. Stored with release before the completion signal, so a thread that
+    // loads it with acquire after the signal sees everything the request wrote; the signal itself
+    // orders memory too, but in a way race detectors cannot follow.
+    std::atomic<uint64_t> requests_done{0};
+
   private:
     void dispatch(uint32_t request_type);
     bool check_block_lost();

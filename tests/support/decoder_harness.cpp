@@ -127,6 +127,7 @@ bool DecoderHarness::wait_completions(int count, int timeout_ms) {
 }
 
 void DecoderHarness::on_notify(ev::async&, int) {
+    decoder_->requests_done.load(std::memory_order_acquire);
     ++completions_;
 }
 
