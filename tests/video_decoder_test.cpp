@@ -138,18 +138,22 @@ bool have_clip_encoder(const VideoClip& clip) {
     return have_encoder(clip.encoder);
 }
 
+// Loads a clip for a test that compares pictures with a software decode, or skips the test where
+// the host has a hardware decoder or its ffmpeg cannot make the clip.
+#define USE_CLIP(var, clip)                                           \
+    SKIP_WITH_HW_DEVICE();                                            \
+    if (!have_clip_encoder(clip)) {                                   \
+        GTEST_SKIP() << "ffmpeg here has no " << (clip).encoder;      \
+    }                                                                 \
+    const DemuxedStream* var = load_clip(clip);                       \
+    ASSERT_NE(var, nullptr)
+
 // Each clip decoded to three outputs: the coded size in YUV420P, a downscale to RGBA and an
 // upscale to NV12.
 class VideoDecode : public ::testing::TestWithParam<size_t> {};
 
 TEST_P(VideoDecode, MatchesReferenceAndCommandLine) {
-    SKIP_WITH_HW_DEVICE();
-    const VideoClip& clip = kVideoClips[GetParam()];
-    if (!have_clip_encoder(clip)) {
-        GTEST_SKIP() << "ffmpeg here has no " << clip.encoder;
-    }
-    const DemuxedStream* s = load_clip(clip);
-    ASSERT_NE(s, nullptr);
+    USE_CLIP(s, kVideoClips[GetParam()]);
     LogCapture log;
     DecoderHarness h;
     VideoReference ref;
@@ -177,7 +181,7 @@ TEST_P(VideoDecode, MatchesReferenceAndCommandLine) {
         // One receive per packet: a decoder with a delay still holds its last pictures.
         EXPECT_GE(pictures.size(), s->packets.size() / 2);
 
-        const std::string path = make_media(clip.file, "");
+        const std::string path = make_media(kVideoClips[GetParam()].file, "");
         auto frames = command_line_frames(path, o.width, o.height, o.pix_fmt);
         ASSERT_GE(frames.size(), pictures.size());
         for (size_t k = 0; k < pictures.size(); ++k) {
@@ -197,13 +201,7 @@ INSTANTIATE_TEST_SUITE_P(Clips, VideoDecode, ::testing::Range<size_t>(0, kVideoC
 // With B-frames the decoder answers "need more data" first and then hands out pictures in
 // presentation order, each with its own timestamp rather than the delivering packet's.
 TEST(VideoDecoding, ReorderedPicturesCarryTheirOwnTimestamps) {
-    SKIP_WITH_HW_DEVICE();
-    const VideoClip& clip = video_clip("h264_mp4");
-    if (!have_clip_encoder(clip)) {
-        GTEST_SKIP() << "ffmpeg here has no " << clip.encoder;
-    }
-    const DemuxedStream* s = load_clip(clip);
-    ASSERT_NE(s, nullptr);
+    USE_CLIP(s, video_clip("h264_mp4"));
     DecoderHarness h;
     ASSERT_NO_FATAL_FAILURE(init_service(h, *s, video_params(*s, 176, 144, AV_PIX_FMT_YUV420P)));
 
@@ -237,13 +235,7 @@ TEST(VideoDecoding, ReorderedPicturesCarryTheirOwnTimestamps) {
 // A reset mid-stream keeps the codec and coded format and takes the new output; the smaller
 // picture after it leaves zero behind itself, not the bigger one before it.
 TEST(VideoDecoding, ResetToNewOutputMidStream) {
-    SKIP_WITH_HW_DEVICE();
-    const VideoClip& clip = video_clip("h264_annexb");
-    if (!have_clip_encoder(clip)) {
-        GTEST_SKIP() << "ffmpeg here has no " << clip.encoder;
-    }
-    const DemuxedStream* s = load_clip(clip);
-    ASSERT_NE(s, nullptr);
+    USE_CLIP(s, video_clip("h264_annexb"));
     LogCapture log;
     DecoderHarness h;
     VideoReference ref;
@@ -295,15 +287,8 @@ TEST(VideoDecoding, ResetToNewOutputMidStream) {
 // Destroy releases the state, the frame and the packet; the instance then answers as one without
 // a decoder, and a new init of another codec is served.
 TEST(VideoDecoding, DestroyThenInitAgain) {
-    SKIP_WITH_HW_DEVICE();
-    const VideoClip& first = video_clip("h264_annexb");
-    const VideoClip& second = video_clip("vp8_webm");
-    if (!have_clip_encoder(first) || !have_clip_encoder(second)) {
-        GTEST_SKIP() << "ffmpeg here lacks an encoder";
-    }
-    const DemuxedStream* a = load_clip(first);
-    const DemuxedStream* b = load_clip(second);
-    ASSERT_TRUE(a != nullptr && b != nullptr);
+    USE_CLIP(a, video_clip("h264_annexb"));
+    USE_CLIP(b, video_clip("vp8_webm"));
     LogCapture log;
     DecoderHarness h;
     VideoReference ref;
@@ -358,15 +343,8 @@ size_t find_any(const std::string& text, std::initializer_list<const char*> need
 // A second init replaces the first state: the old contexts go before the new decoder is looked
 // up, the old packet and frame only once the new setup has succeeded, and never when it fails.
 TEST(VideoDecoding, SecondInitReplacesTheFirst) {
-    SKIP_WITH_HW_DEVICE();
-    const VideoClip& first = video_clip("h264_annexb");
-    const VideoClip& second = video_clip("mpeg4_mp4");
-    if (!have_clip_encoder(first) || !have_clip_encoder(second)) {
-        GTEST_SKIP() << "ffmpeg here lacks an encoder";
-    }
-    const DemuxedStream* a = load_clip(first);
-    const DemuxedStream* b = load_clip(second);
-    ASSERT_TRUE(a != nullptr && b != nullptr);
+    USE_CLIP(a, video_clip("h264_annexb"));
+    USE_CLIP(b, video_clip("mpeg4_mp4"));
     LogCapture log;
     DecoderHarness h;
     VideoReference ref;
@@ -420,13 +398,7 @@ TEST(VideoDecoding, SecondInitReplacesTheFirst) {
 
 // Output pixel formats beyond the FFmpeg 4 enumeration, negative ones included, mean YUV420P.
 TEST(VideoSetup, OutputPixelFormatBeyondTableIsYuv420p) {
-    SKIP_WITH_HW_DEVICE();
-    const VideoClip& clip = video_clip("h264_annexb");
-    if (!have_clip_encoder(clip)) {
-        GTEST_SKIP() << "ffmpeg here has no " << clip.encoder;
-    }
-    const DemuxedStream* s = load_clip(clip);
-    ASSERT_NE(s, nullptr);
+    USE_CLIP(s, video_clip("h264_annexb"));
     DecoderHarness h;
     for (auto [asked, stored] : {std::pair<int32_t, int32_t>{186, 186},
                                  {187, 0},
@@ -447,13 +419,7 @@ TEST(VideoSetup, OutputPixelFormatBeyondTableIsYuv420p) {
 // The output area holds 16,777,216 bytes: a picture of exactly that size is delivered, one byte
 // more is refused.
 TEST(VideoDecoding, PictureMustFitTheOutputArea) {
-    SKIP_WITH_HW_DEVICE();
-    const VideoClip& clip = video_clip("h264_annexb");
-    if (!have_clip_encoder(clip)) {
-        GTEST_SKIP() << "ffmpeg here has no " << clip.encoder;
-    }
-    const DemuxedStream* s = load_clip(clip);
-    ASSERT_NE(s, nullptr);
+    USE_CLIP(s, video_clip("h264_annexb"));
     LogCapture log;
     DecoderHarness h;
     VideoReference ref;
@@ -569,13 +535,7 @@ TEST(VideoSetup, ResetWhoseSetupFailsLeavesNoDecoder) {
 
 // Without hardware every device type fails to open: no candidates, software decodes.
 TEST(VideoSetup, NoHardwareDeviceLeavesSoftwareOnly) {
-    SKIP_WITH_HW_DEVICE();
-    const VideoClip& clip = video_clip("h264_annexb");
-    if (!have_clip_encoder(clip)) {
-        GTEST_SKIP() << "ffmpeg here has no " << clip.encoder;
-    }
-    const DemuxedStream* s = load_clip(clip);
-    ASSERT_NE(s, nullptr);
+    USE_CLIP(s, video_clip("h264_annexb"));
     LogCapture log;
     DecoderHarness h;
     VideoReference ref;
@@ -603,13 +563,7 @@ TEST(VideoSetup, NoHardwareDeviceLeavesSoftwareOnly) {
 class VideoGarbage : public ::testing::TestWithParam<size_t> {};
 
 TEST_P(VideoGarbage, NeverStopsTheWorker) {
-    SKIP_WITH_HW_DEVICE();
-    const VideoClip& clip = kVideoClips[GetParam()];
-    if (!have_clip_encoder(clip)) {
-        GTEST_SKIP() << "ffmpeg here has no " << clip.encoder;
-    }
-    const DemuxedStream* s = load_clip(clip);
-    ASSERT_NE(s, nullptr);
+    USE_CLIP(s, kVideoClips[GetParam()]);
     LogCapture log;
     DecoderHarness h;
     ASSERT_NO_FATAL_FAILURE(init_service(h, *s, video_params(*s, 120, 90, AV_PIX_FMT_YUV420P)));

@@ -11,6 +11,7 @@ extern "C" {
 
 #include "decoder/exchange_block.h"
 #include "decoder/ffmpeg_compat.h"
+#include "support/media_fixtures.h"
 
 namespace {
 
@@ -110,33 +111,17 @@ AudioStep AudioReference::decode(const uint8_t* data, int size, int64_t pts) {
     if (!state_ || state_->ctx == nullptr) {
         return AudioStep();  // no decoder: all zero
     }
-    if (size <= 0 || static_cast<size_t>(size) > SHM_AREA_SIZE) {
-        return failed;
-    }
     State& s = *state_;
-
-    AVPacket* pkt = av_packet_alloc();
-    av_new_packet(pkt, size);
-    memcpy(pkt->data, data, static_cast<size_t>(size));
-    pkt->pts = pts;
-    int ret = avcodec_send_packet(s.ctx, pkt);
-    av_packet_free(&pkt);
-    if (ret < 0) {
-        return failed;
-    }
     AVFrame* frame = av_frame_alloc();
     struct FrameFree {
         AVFrame* f;
         ~FrameFree() { av_frame_free(&f); }
     } frame_free{frame};
-    ret = avcodec_receive_frame(s.ctx, frame);
-    if (ret == AVERROR(EAGAIN) || ret == AVERROR_EOF) {
-        AudioStep more;
-        more.status = 1;
-        return more;
-    }
-    if (ret < 0) {
-        return failed;
+    const int ret = reference_decode_step(s.ctx, data, size, pts, frame);
+    if (ret != 0) {
+        AudioStep answer;
+        answer.status = ret;
+        return answer;
     }
 
     // The frame's own mask unless it has none or it disagrees with the channel count.

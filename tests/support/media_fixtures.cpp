@@ -5,6 +5,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <mutex>
 
@@ -121,4 +122,28 @@ bool have_encoder(const std::string& encoder) {
            system(("ffmpeg -hide_banner -h encoder=" + encoder +
                    " 2>/dev/null | grep -q 'Encoder " + encoder + "'")
                       .c_str()) == 0;
+}
+
+int reference_decode_step(AVCodecContext* ctx, const uint8_t* data, int size, int64_t pts,
+                          AVFrame* frame) {
+    if (size <= 0 || static_cast<size_t>(size) > SHM_AREA_SIZE) {
+        return -1;
+    }
+    AVPacket* pkt = av_packet_alloc();
+    if (pkt == nullptr || av_new_packet(pkt, size) < 0) {
+        av_packet_free(&pkt);
+        return -1;
+    }
+    memcpy(pkt->data, data, static_cast<size_t>(size));
+    pkt->pts = pts;
+    int ret = avcodec_send_packet(ctx, pkt);
+    av_packet_free(&pkt);
+    if (ret < 0) {
+        return -1;
+    }
+    ret = avcodec_receive_frame(ctx, frame);
+    if (ret == AVERROR(EAGAIN) || ret == AVERROR_EOF) {
+        return 1;
+    }
+    return ret < 0 ? -1 : 0;
 }

@@ -35,5 +35,14 @@ bool demux_first_stream(const std::string& path, bool video, DemuxedStream* out)
 int video_codec_index(const std::string& codec_name);
 int audio_codec_index(const std::string& codec_name);
 
+struct AVCodecContext;
+struct AVFrame;
+
+// One decode step of the reference models, as the service takes it: the packet is sent, at most
+// one frame received. 0 with a frame in `frame`, 1 when the decoder wants more data, -1 when the
+// size is outside (0, SHM_AREA_SIZE] or the decoder refuses.
+int reference_decode_step(AVCodecContext* ctx, const uint8_t* data, int size, int64_t pts,
+                          AVFrame* frame);
+
 // Whether the ffmpeg command line here has the named encoder.
 bool have_encoder(const std::string& encoder);
