@@ -6,6 +6,7 @@
 
 #include "decoder/exchange_block.h"
 #include "decoder/ffmpeg_compat.h"
+#include "decoder/picture_layout.h"
 
 namespace mediatools {
 
@@ -187,17 +188,25 @@ Answer LocalVideoDecoder::decode(const uint8_t* data, int size, int64_t pts) {
         av_frame_unref(frame_);
         return answer;
     }
+    uint8_t* area = area_->data();
     uint8_t* planes[4] = {nullptr};
     int linesizes[4] = {0};
-    picture_size = ffcompat::image_alloc(planes, linesizes, out_width_, out_height_, out_format, 1);
-    if (picture_size < 0) {
-        return fail();
-    }
-    sws_scale(sws_, frame_->data, frame_->linesize, 0, frame_->height, planes, linesizes);
-    uint8_t* area = area_->data();
-    int copied = av_image_copy_to_buffer(area, picture_size, planes, linesizes, out_format,
+    int copied =
+        av_image_fill_arrays(planes, linesizes, area, out_format, out_width_, out_height_, 1);
+    if (copied >= 0 &&
+        picture_layout::converts_in_place(out_format, out_width_, out_height_, linesizes)) {
+        sws_scale(sws_, frame_->data, frame_->linesize, 0, frame_->height, planes, linesizes);
+    } else {
+        picture_size =
+            ffcompat::image_alloc(planes, linesizes, out_width_, out_height_, out_format, 1);
+        if (picture_size < 0) {
+            return fail();
+        }
+        sws_scale(sws_, frame_->data, frame_->linesize, 0, frame_->height, planes, linesizes);
+        copied = av_image_copy_to_buffer(area, picture_size, planes, linesizes, out_format,
                                          out_width_, out_height_, 1);
-    av_freep(&planes[0]);
+        av_freep(&planes[0]);
+    }
     if (copied < 0) {
         return fail();
     }

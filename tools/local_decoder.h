@@ -47,15 +47,15 @@ class OutputArea {
 class LocalVideoDecoder {
   public:
     enum class Output {
-        // Per picture: a picture buffer of its own, conversion into it, copy into the output
-        // area and the rest of the area zeroed, as the service does.
+        // Per picture, as the service does: conversion straight into the output area where the
+        // line sizes allow it, else into a picture buffer of its own and a copy; then the rest
+        // of the area zeroed.
         kLikeService,
         // Conversion straight into one reused picture buffer: no copy, no zeroing.
         kScaleOnly,
         // Conversion straight into the output area (planes laid out as the copy would lay them
         // out), and only the bytes of an earlier, larger picture zeroed behind it: the same
-        // area content as kLikeService without the picture buffer, the copy and the clearing
-        // of untouched memory.
+        // area content as kLikeService without clearing untouched memory.
         kDirect,
     };
 
