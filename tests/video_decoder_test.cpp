@@ -143,12 +143,12 @@ bool have_clip_encoder(const VideoClip& clip) {
 
 // Loads a clip for a test that compares pictures with a software decode, or skips the test where
 // the host has a hardware decoder or its ffmpeg cannot make the clip.
-#define USE_CLIP(var, clip)                                           \
-    SKIP_WITH_HW_DEVICE();                                            \
-    if (!have_clip_encoder(clip)) {                                   \
-        GTEST_SKIP() << "ffmpeg here has no " << (clip).encoder;      \
-    }                                                                 \
-    const DemuxedStream* var = load_clip(clip);                       \
+#define USE_CLIP(var, clip)                                      \
+    SKIP_WITH_HW_DEVICE();                                       \
+    if (!have_clip_encoder(clip)) {                              \
+        GTEST_SKIP() << "ffmpeg here has no " << (clip).encoder; \
+    }                                                            \
+    const DemuxedStream* var = load_clip(clip);                  \
     ASSERT_NE(var, nullptr)
 
 // Each clip decoded to three outputs: the coded size in YUV420P, a downscale to RGBA and an
