@@ -18,7 +18,9 @@ AshMemory::AshMemory(int fd) : mFd(fd), mSize(_getInitSize(fd)), mMemory(nullptr
 AshMemory::AshMemory(size_t size, const char* name)
     : mFd(-1), mSize(size), mMemory(nullptr), mDeviceName(name != nullptr ? name : "") {}
 
-AshMemory::~AshMemory() { _destroy(); }
+AshMemory::~AshMemory() {
+    _destroy();
+}
 
 void AshMemory::_destroy() {
     if (mMemory != nullptr) {
@@ -62,8 +64,9 @@ void* AshMemory::MapMemory() {
         }
         int fd = open(mDeviceName.c_str(), O_RDWR);
         if (fd < 0) {
-            fprintf(stderr, "[WRN] ashmem:53 open(mDeviceName.c_str(), 02) result(%d) errno(%d) %s\n",
-                    fd, errno, strerror(errno));
+            fprintf(stderr,
+                    "[WRN] ashmem:53 open(mDeviceName.c_str(), 02) result(%d) errno(%d) %s\n", fd,
+                    errno, strerror(errno));
             mFd = fd;
             return nullptr;
         }

@@ -6,7 +6,7 @@
 // One Android shared memory region: its descriptor, size and mapping. Reports problems on the
 // standard error stream rather than the service log.
 class AshMemory {
-public:
+  public:
     // Takes ownership of an existing region's descriptor; does not map.
     explicit AshMemory(int fd);
     // Describes a region still to be created by opening the ashmem device `name`.

@@ -20,7 +20,9 @@ std::mutex log_mutex;
 FILE* log_stream = stdout;
 
 // Lines written from other static initialisers may come before log_stream is set.
-FILE* current_stream() { return log_stream != nullptr ? log_stream : stdout; }
+FILE* current_stream() {
+    return log_stream != nullptr ? log_stream : stdout;
+}
 
 }  // namespace
 
@@ -97,4 +99,6 @@ void SvcLogFile(const char* path) {
     }
 }
 
-LogCloseGuard::~LogCloseGuard() { SvcLogFile(nullptr); }
+LogCloseGuard::~LogCloseGuard() {
+    SvcLogFile(nullptr);
+}

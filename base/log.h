@@ -17,7 +17,7 @@ void SvcLogWrite(int level, const char* module, const char* file, int line, cons
 void SvcLogFile(const char* path);
 
 class LogCloseGuard {
-public:
+  public:
     ~LogCloseGuard();
 };
 
