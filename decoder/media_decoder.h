@@ -122,8 +122,6 @@ class MediaDecoder {
     bool init_audio_codec_context(AVCodecID codec_id, int param1, int param2, int param3,
                                   int param4, int param5, int param6, int param7);
     int decode_video(AVCodecContext* codec_ctx, AVPacket* packet, AVFrame* frame);
-    int convert_into_output(SwsContext* sws, const AVFrame* source, AVPixelFormat format, int width,
-                            int height);
     int decode_audio(AVCodecContext* codec_ctx, AVPacket* packet, AVFrame* frame);
     int hw_decoder_init(AVCodecContext* ctx, AVHWDeviceType type);
     int decode_with(AVCodecContext* ctx);

@@ -3,7 +3,7 @@
 
 #include "base/defer_action.h"
 #include "decoder/media_decoder_internal.h"
-#include "decoder/picture_layout.h"
+#include "decoder/packed_picture.h"
 
 using namespace decoder_detail;
 
@@ -216,35 +216,6 @@ void MediaDecoder::decode_video_branch() {
     decode_with(state->hw_codec_ctx ? state->hw_codec_ctx.get() : state->sw_codec_ctx.get());
 }
 
-// Converts `source` into the output area as a packed picture; its size, or a negative error.
-int MediaDecoder::convert_into_output(SwsContext* sws, const AVFrame* source, AVPixelFormat format,
-                                      int width, int height) {
-    uint8_t* planes[4] = {nullptr};
-    int linesizes[4] = {0};
-    int size = av_image_fill_arrays(planes, linesizes, output_area(), format, width, height, 1);
-    if (size >= 0 && picture_layout::converts_in_place(format, width, height, linesizes)) {
-        sws_scale(sws, source->data, source->linesize, 0, source->height, planes, linesizes);
-        return size;
-    }
-
-    // Otherwise through a picture buffer of the converter's own layout, copied packed.
-    size = ffcompat::image_alloc(planes, linesizes, width, height, format, 1);
-    if (size < 0) {
-        LOGE("image buffer alloc failed");
-        return size;
-    }
-    DeferAction free_picture([&planes] { av_freep(&planes[0]); });
-
-    sws_scale(sws, source->data, source->linesize, 0, source->height, planes, linesizes);
-
-    int copied =
-        av_image_copy_to_buffer(output_area(), size, planes, linesizes, format, width, height, 1);
-    if (copied < 0) {
-        LOGE("copy image to output buffer failed");
-    }
-    return copied;
-}
-
 int MediaDecoder::decode_video(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame* frm) {
     DeferAction failure([this, frm] {
         av_frame_unref(frm);
@@ -312,8 +283,12 @@ int MediaDecoder::decode_video(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame
         return AVERROR_BUG;
     }
 
-    int copied = convert_into_output(sws, source, out_format, state.out_width, state.out_height);
+    packed_picture::Failure step;
+    int copied = packed_picture::convert(sws, source, output_area(), out_format, state.out_width,
+                                         state.out_height, &step);
     if (copied < 0) {
+        LOGE(step == packed_picture::Failure::kAlloc ? "image buffer alloc failed"
+                                                     : "copy image to output buffer failed");
         return copied;
     }
     // Everything after the picture is cleared, so stale bytes never reach the client.

@@ -6,7 +6,7 @@
 
 #include "decoder/exchange_block.h"
 #include "decoder/ffmpeg_compat.h"
-#include "decoder/picture_layout.h"
+#include "decoder/packed_picture.h"
 
 namespace mediatools {
 
@@ -168,50 +168,24 @@ Answer LocalVideoDecoder::decode(const uint8_t* data, int size, int64_t pts) {
     if (picture_size > static_cast<int>(SHM_AREA_SIZE)) {
         return fail();
     }
-    if (mode_ == Output::kDirect) {
-        uint8_t* planes[4] = {nullptr};
-        int linesizes[4] = {0};
-        uint8_t* area = area_->data();
-        // The size is the packed one computed above: FFmpeg 4 would add a palette to the
-        // pseudo-paletted formats here.
-        if (av_image_fill_arrays(planes, linesizes, area, out_format, out_width_, out_height_, 1) <
-            0) {
-            return fail();
-        }
-        sws_scale(sws_, frame_->data, frame_->linesize, 0, frame_->height, planes, linesizes);
-        const size_t size = static_cast<size_t>(picture_size);
-        if (written_ > size) {
-            memset(area + size, 0, written_ - size);
-        }
-        written_ = size;
-        Answer answer{STATUS_OK, static_cast<uint32_t>(size), frame_->best_effort_timestamp};
-        av_frame_unref(frame_);
-        return answer;
-    }
     uint8_t* area = area_->data();
-    uint8_t* planes[4] = {nullptr};
-    int linesizes[4] = {0};
+    packed_picture::Failure failure;
     int copied =
-        av_image_fill_arrays(planes, linesizes, area, out_format, out_width_, out_height_, 1);
-    if (copied >= 0 &&
-        picture_layout::converts_in_place(out_format, out_width_, out_height_, linesizes)) {
-        sws_scale(sws_, frame_->data, frame_->linesize, 0, frame_->height, planes, linesizes);
-    } else {
-        picture_size =
-            ffcompat::image_alloc(planes, linesizes, out_width_, out_height_, out_format, 1);
-        if (picture_size < 0) {
-            return fail();
-        }
-        sws_scale(sws_, frame_->data, frame_->linesize, 0, frame_->height, planes, linesizes);
-        copied = av_image_copy_to_buffer(area, picture_size, planes, linesizes, out_format,
-                                         out_width_, out_height_, 1);
-        av_freep(&planes[0]);
-    }
+        packed_picture::convert(sws_, frame_, area, out_format, out_width_, out_height_, &failure);
     if (copied < 0) {
         return fail();
     }
-    memset(area + copied, 0, SHM_AREA_SIZE - static_cast<size_t>(copied));
-    Answer answer{STATUS_OK, static_cast<uint32_t>(copied), frame_->best_effort_timestamp};
+    const size_t packed = static_cast<size_t>(copied);
+    if (mode_ == Output::kDirect) {
+        // Only what an earlier, larger picture left behind.
+        if (written_ > packed) {
+            memset(area + packed, 0, written_ - packed);
+        }
+        written_ = packed;
+    } else {
+        memset(area + packed, 0, SHM_AREA_SIZE - packed);
+    }
+    Answer answer{STATUS_OK, static_cast<uint32_t>(packed), frame_->best_effort_timestamp};
     av_frame_unref(frame_);
     return answer;
 }

@@ -53,9 +53,8 @@ class LocalVideoDecoder {
         kLikeService,
         // Conversion straight into one reused picture buffer: no copy, no zeroing.
         kScaleOnly,
-        // Conversion straight into the output area (planes laid out as the copy would lay them
-        // out), and only the bytes of an earlier, larger picture zeroed behind it: the same
-        // area content as kLikeService without clearing untouched memory.
+        // As kLikeService, but only the bytes of an earlier, larger picture are zeroed behind
+        // the picture: the same area content without clearing untouched memory.
         kDirect,
     };
 
