@@ -10,7 +10,7 @@
 //   2 seconds and stops itself when the session client disconnects or stays silent for more than
 //   8 seconds. A session client that does not answer within 2 seconds of registering ends the
 //   service at once, so answer right away (start_answering() does).
-// - DecoderClient owns one exchange block (decoder/exchange_block.h) in shared memory and gets a
+// - DecoderClient owns one exchange block (exchange_block.h) in shared memory and gets a
 //   decoder instance of its own. It writes a request into the block, rings the doorbell, waits
 //   for the sync msg, and reads the result and output areas. One request is in flight per block.
 //
@@ -28,7 +28,9 @@
 #include <string>
 #include <thread>
 
-#include "decoder/exchange_block.h"
+// Installed, exchange_block.h lies beside this header (include/media-service); in the source tree
+// it is decoder/exchange_block.h, which the library's include directories make visible.
+#include "exchange_block.h"
 
 struct ucred;
 
