@@ -150,6 +150,23 @@ bool MediaDecoder::run() {
     return true;
 }
 
+void MediaDecoder::signal_request() {
+    {
+        std::lock_guard<std::mutex> lock(request_mutex);
+        request_ready.store(1);
+    }
+    request_cond.notify_one();
+}
+
+void MediaDecoder::signal_quit() {
+    {
+        std::lock_guard<std::mutex> lock(request_mutex);
+        quit.store(1);
+        request_ready.store(1);
+    }
+    request_cond.notify_all();
+}
+
 void MediaDecoder::write_result(int32_t status, uint32_t output_size, int64_t output_pts) {
     ExchangeResult result{};
     result.status = status;

@@ -75,6 +75,16 @@ class MediaDecoder {
     // the instance then has no worker and the client must be refused.
     bool run();
 
+    // Loop thread: a request waits in the block (a doorbell). Signals that arrive before the
+    // worker takes the request merge into one; one that arrives while a request runs makes the
+    // worker run the request header again afterwards.
+    void signal_request();
+    // Loop thread: the worker ends after the request it may be running. Idempotent; it must have
+    // been given before the instance is destroyed, since the destructor only joins.
+    void signal_quit();
+    // Whether the worker has been told to end, or ended on its own after a fatal request.
+    bool quitting() const { return quit.load() != 0; }
+
     static AVPixelFormat get_hw_format(AVCodecContext* ctx, const AVPixelFormat* pix_fmts);
 
     int32_t media_type = MEDIA_TYPE_NONE;
@@ -87,10 +97,6 @@ class MediaDecoder {
     uint8_t* block = nullptr;
     std::unique_ptr<AshMemory> ashmem;
     std::unique_ptr<std::thread> worker;
-    std::atomic<int> quit{0};
-    std::atomic<int> request_ready{0};
-    std::mutex request_mutex;
-    std::condition_variable request_cond;
     std::weak_ptr<ev::async> notify;
 
     // Set by the worker when the client's object shrank under the mapping (the block now reads
@@ -103,6 +109,13 @@ class MediaDecoder {
     std::atomic<uint64_t> requests_done{0};
 
   private:
+    // The loop thread stores these only under request_mutex, where the worker tests them before
+    // it sleeps, so no signal can fall between the worker's test and its wait.
+    std::atomic<int> quit{0};
+    std::atomic<int> request_ready{0};
+    std::mutex request_mutex;
+    std::condition_variable request_cond;
+
     void dispatch(uint32_t request_type);
     bool check_block_lost();
     int guard_slot = -1;

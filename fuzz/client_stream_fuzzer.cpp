@@ -222,7 +222,7 @@ class Stream {
             close_slot(s);
             return;
         }
-        if (s.decoder->quit.load() == 0) {
+        if (!s.decoder->quitting()) {
             s.sync_due = true;
         }
     }
@@ -243,7 +243,7 @@ class Stream {
                 abort();  // the service must not drop a well-behaved registered client
             }
             double waited = ev_time() - start;
-            if (s.decoder->quit.load() != 0 && waited > kEndedWorkerGrace) {
+            if (s.decoder->quitting() && waited > kEndedWorkerGrace) {
                 s.sync_due = false;  // the worker ended before it took this doorbell
                 return;
             }
@@ -252,7 +252,7 @@ class Stream {
                 abort();
             }
             ev_run(EV_DEFAULT_UC, EVRUN_NOWAIT);
-            if (s.decoder->quit.load() == 0) {
+            if (!s.decoder->quitting()) {
                 ev::timer tick(EV_DEFAULT_UC);
                 tick.set<Stream, &Stream::on_tick>(this);
                 tick.start(0.002, 0.0);

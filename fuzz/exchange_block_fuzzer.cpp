@@ -61,7 +61,7 @@ class Exchange {
             wait_completion();
             // An unknown request, codec or media type, or a failed setup ends the worker after
             // answering; like a client, stop ringing (nothing would answer).
-            if (decoder.quit.load() != 0) {
+            if (decoder.quitting()) {
                 break;
             }
         }
@@ -71,17 +71,10 @@ class Exchange {
 
   private:
     static void signal(MediaDecoder& decoder, bool quit) {
-        {
-            std::lock_guard<std::mutex> lock(decoder.request_mutex);
-            if (quit) {
-                decoder.quit.store(1);
-            }
-            decoder.request_ready.store(1);
-        }
         if (quit) {
-            decoder.request_cond.notify_all();
+            decoder.signal_quit();
         } else {
-            decoder.request_cond.notify_one();
+            decoder.signal_request();
         }
     }
 

@@ -16,7 +16,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <mutex>
 
 // POSIX basename: an empty string gives ".", and the argument is not modified.
 #include <libgen.h>
@@ -93,25 +92,6 @@ void close_received_fd(std::vector<UniqueFd>& owners, int fd) {
             owner.reset();
         }
     }
-}
-
-// Quit signal for a worker: the stores happen under the mutex the worker tests them under, so the
-// signal cannot fall between its test and its sleep.
-void signal_decoder_quit(MediaDecoder& decoder) {
-    {
-        std::lock_guard<std::mutex> lock(decoder.request_mutex);
-        decoder.quit.store(1);
-        decoder.request_ready.store(1);
-    }
-    decoder.request_cond.notify_all();
-}
-
-void signal_decoder_request(MediaDecoder& decoder) {
-    {
-        std::lock_guard<std::mutex> lock(decoder.request_mutex);
-        decoder.request_ready.store(1);
-    }
-    decoder.request_cond.notify_one();
 }
 
 }  // namespace
@@ -287,7 +267,7 @@ void MediaServer::stop() {
     }
     for (auto& handle : decoder_handles) {
         if (handle && handle->decoder) {
-            signal_decoder_quit(*handle->decoder);
+            handle->decoder->signal_quit();
         }
     }
     stopped_callback();
@@ -670,7 +650,7 @@ void MediaServer::decoder_handle_t::decoder_gone() {
         io->stop();
     }
     if (decoder) {
-        signal_decoder_quit(*decoder);
+        decoder->signal_quit();
     }
     on_terminate(this);
 }
@@ -693,7 +673,7 @@ void MediaServer::decoder_handle_t::on_decoder_client_io_event(ev::io& io, int r
             return;
         }
         if (decoder) {
-            signal_decoder_request(*decoder);
+            decoder->signal_request();
         }
         gone.cancel();
         return;

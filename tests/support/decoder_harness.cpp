@@ -92,20 +92,11 @@ void DecoderHarness::write_request_type(uint32_t type) {
 }
 
 void DecoderHarness::signal_request() {
-    {
-        std::lock_guard<std::mutex> lock(decoder_->request_mutex);
-        decoder_->request_ready = 1;
-    }
-    decoder_->request_cond.notify_one();
+    decoder_->signal_request();
 }
 
 void DecoderHarness::signal_quit() {
-    {
-        std::lock_guard<std::mutex> lock(decoder_->request_mutex);
-        decoder_->quit = 1;
-        decoder_->request_ready = 1;
-    }
-    decoder_->request_cond.notify_all();
+    decoder_->signal_quit();
 }
 
 bool DecoderHarness::request(int timeout_ms) {
