@@ -643,6 +643,13 @@ MediaServer::decoder_handle_t::~decoder_handle_t() {
     if (notify && notify->is_active()) {
         notify->stop();
     }
+    // The decoder's destructor joins its worker, so the worker is told to end here, whatever led
+    // to this destruction: stop() only reaches the decoders registered when it runs, and a
+    // registration that libev runs later in the same loop iteration (its client type msg was
+    // already pending) would otherwise be joined forever. A second quit signal is harmless.
+    if (decoder) {
+        decoder->signal_quit();
+    }
 }
 
 void MediaServer::decoder_handle_t::decoder_gone() {

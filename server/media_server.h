@@ -11,8 +11,10 @@
 // - A decoder handle declares fd first and decoder before io and notify, so on destruction the
 //   notify watcher is released and io stopped first, then the decoder joins its worker, and only
 //   then is the client's socket closed: a client never sees its connection closed while a worker
-//   may still write into its block. The worker must have been told to quit before (by the end of
-//   the client or by stop()), because the decoder's destructor only joins.
+//   may still write into its block. The decoder's destructor only joins, so the handle's
+//   destructor gives the quit signal first, whatever path destroys it: the end of the client and
+//   stop() give it earlier, but a client that registers after stop() in the same loop iteration
+//   is reached by nothing else.
 // - notify is shared with the worker for the length of one ev_async_send; the handle stops it on
 //   the loop thread before letting go, so whichever side drops the last reference frees an
 //   inactive watcher.
