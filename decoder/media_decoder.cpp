@@ -279,11 +279,10 @@ void MediaDecoder::decode_frame() {
         clear_result();
         return;
     }
-    // Without a packet (released by destroy context while a state of the other media type is
-    // still held) there is nothing to decode into.
-    if (!packet || !frame) {
-        LOGE("decoder context not initialized!!");
-        clear_result();
+    // After destroy context a state of the other media type may still be held, but no media type
+    // is in use and the packet and frame are released: the request is answered with nothing
+    // written.
+    if (media_type == MEDIA_TYPE_NONE || !packet || !frame) {
         return;
     }
 

@@ -263,39 +263,52 @@ TEST(DecoderRequests, FlushAndCodecConfigKeepTheResult) {
     EXPECT_LT(decode_until_output(h, s, i + 1), s.packets.size());
 }
 
-TEST(DecoderRequests, DestroyThenDecodeAnswersNotInitialized) {
-    LogCapture log;
-    DecoderHarness h;
-    ASSERT_NO_FATAL_FAILURE(init_audio(h, mp2()));
-    decode_until_output(h, mp2());
+// After destroy, a decode is answered "not initialized" with an all-zero result; but while a video
+// state from an earlier init is still held, nothing at all is written (no media type is in use)
+// and the released packet is not touched. Either way the worker goes on serving.
+TEST(DecoderRequests, DestroyThenDecode) {
+    for (bool video_held : {false, true}) {
+        SCOPED_TRACE(video_held ? "video state held" : "no state held");
+        LogCapture log;
+        DecoderHarness h;
+        if (video_held) {
+            h.write_init(MEDIA_TYPE_VIDEO, 0, {64, 64, AV_PIX_FMT_YUV420P, 0, 64, 64, 0});
+            ASSERT_TRUE(h.request());
+        }
+        ASSERT_NO_FATAL_FAILURE(init_audio(h, mp2()));
+        decode_until_output(h, mp2());
 
-    h.set_result(kSentinel);
-    h.write_request_type(REQUEST_DESTROY_CONTEXT);
-    ASSERT_TRUE(h.request());
-    expect_sentinel(h.result());
-    EXPECT_EQ(h.decoder().media_type, MEDIA_TYPE_NONE);
-    EXPECT_FALSE(h.decoder().audio_ctx);
-    EXPECT_FALSE(h.decoder().packet);
-    EXPECT_FALSE(h.decoder().frame);
-    const std::string text = log.text();
-    const size_t destroy = text.find("destroy context");
-    const size_t resampler = text.find("freeing SW resample context", destroy);
-    const size_t context = text.find("freeing audio decoder context", destroy);
-    const size_t frame = text.find("freeing audio frame", destroy);
-    const size_t packet = text.find("freeing audio packet", destroy);
-    ASSERT_NE(packet, std::string::npos) << text;
-    EXPECT_LT(resampler, context);
-    EXPECT_LT(context, frame);
-    EXPECT_LT(frame, packet);
+        h.set_result(kSentinel);
+        h.write_request_type(REQUEST_DESTROY_CONTEXT);
+        ASSERT_TRUE(h.request());
+        expect_sentinel(h.result());
+        EXPECT_EQ(h.decoder().media_type, MEDIA_TYPE_NONE);
+        EXPECT_FALSE(h.decoder().audio_ctx);
+        EXPECT_EQ(static_cast<bool>(h.decoder().video_ctx), video_held);
+        const std::string text = log.text();
+        const size_t destroy = text.find("destroy context");
+        const size_t resampler = text.find("freeing SW resample context", destroy);
+        const size_t context = text.find("freeing audio decoder context", destroy);
+        const size_t frame = text.find("freeing audio frame", destroy);
+        const size_t packet = text.find("freeing audio packet", destroy);
+        ASSERT_NE(packet, std::string::npos) << text;
+        EXPECT_LT(resampler, context);
+        EXPECT_LT(context, frame);
+        EXPECT_LT(frame, packet);
 
-    const auto& p = mp2().packets[0].data;
-    h.write_decode(p.data(), static_cast<int32_t>(p.size()), 9);
-    ASSERT_TRUE(h.request());
-    expect_result(h.result(), 0, 0, 0);
-    EXPECT_EQ(log.count("decoder context not initialized!!"), 1u);
+        const auto& p = mp2().packets[0].data;
+        h.write_decode(p.data(), static_cast<int32_t>(p.size()), 9);
+        ASSERT_TRUE(h.request());
+        if (video_held) {
+            expect_sentinel(h.result());
+        } else {
+            expect_result(h.result(), 0, 0, 0);
+        }
+        EXPECT_EQ(log.count("decoder context not initialized!!"), video_held ? 0u : 1u);
 
-    // A new init is served.
-    ASSERT_NO_FATAL_FAILURE(init_audio(h, mp2()));
+        // A new init is served.
+        ASSERT_NO_FATAL_FAILURE(init_audio(h, mp2()));
+    }
 }
 
 // Reset keeps the codec and the last decoded input format. Without the configuration bytes a
