@@ -86,6 +86,9 @@ TEST_F(HandshakeTest, SecondSessionClientIsRefusedAndTheFirstKeepsBeingPinged) {
     EXPECT_TRUE(eventually([&] { return first.pings() >= 2; }, 8000));
     EXPECT_FALSE(first.disconnected());
     EXPECT_TRUE(daemon.running());
+    // The first session client still owns the session: its end ends the service.
+    first.close();
+    EXPECT_EQ(daemon.wait_exit(kWaitMs), 0);
 }
 
 // The kernel attaches credentials to every record on a connection with SO_PASSCRED, so a session
@@ -102,6 +105,8 @@ TEST_F(HandshakeTest, RefusedSessionClientLeavesTheSessionFree) {
     EXPECT_TRUE(eventually([&] { return session.pings() >= 1; }, 6000));
     EXPECT_EQ(daemon.count_in_log("client already registered"), 0u);
     EXPECT_FALSE(session.disconnected());
+    session.close();
+    EXPECT_EQ(daemon.wait_exit(kWaitMs), 0);
 }
 
 TEST_F(HandshakeTest, SharedMemoryObjectMustOpen) {

@@ -14,6 +14,8 @@
 #include <thread>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "support/test_util.h"
 
 extern char** environ;
@@ -21,6 +23,8 @@ extern char** environ;
 namespace {
 
 constexpr int kStartTimeoutMs = 10000;
+// Generous: a sanitizer build checks the whole heap for leaks at exit.
+constexpr int kStopTimeoutMs = 30000;
 constexpr const char* kSocketTail = "/vessa/sockets/media-service.socket";
 
 bool poll_until(int timeout_ms, const std::function<bool()>& done) {
@@ -62,13 +66,37 @@ DaemonProcess::DaemonProcess() = default;
 DaemonProcess::DaemonProcess(Options options) : options_(std::move(options)) {}
 
 DaemonProcess::~DaemonProcess() {
-    if (pid_ > 0 && !reaped_) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
+    stop_in_order();
     if (!runtime_dir_.empty() && !remove_tree(runtime_dir_)) {
         fprintf(stderr, "could not remove %s\n", runtime_dir_.c_str());
     }
+}
+
+void DaemonProcess::stop_in_order() {
+    if (pid_ <= 0 || reaped_) {
+        return;
+    }
+    kill(pid_, SIGCONT);  // a test may have left it frozen
+    // A daemon already on its way out (its session client ended) has destroyed or is about to
+    // destroy its signal watchers; a SIGTERM then would kill it instead of being handled.
+    if (count_in_log("media server stopped, now quiting...") == 0) {
+        kill(pid_, SIGTERM);
+    }
+    const int status = wait_exit(kStopTimeoutMs);
+    if (status == 0) {
+        return;
+    }
+    if (status < 0) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+        reaped_ = true;
+        ADD_FAILURE() << "the daemon did not stop within " << kStopTimeoutMs / 1000
+                      << " s of SIGTERM and was killed";
+        return;
+    }
+    const std::string text = log();
+    ADD_FAILURE() << "the daemon exited with status " << status << " on SIGTERM; its log ends:\n"
+                  << text.substr(text.size() > 4000 ? text.size() - 4000 : 0);
 }
 
 std::string DaemonProcess::socket_path() const {

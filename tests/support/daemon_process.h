@@ -9,8 +9,10 @@
 // Runs the real media-service binary for a test: a private XDG_RUNTIME_DIR with the socket
 // directory made, standard output captured to a file so the log can be read, and the test hooks
 // preloaded (daemon() keeps the process in the foreground with its streams; ashmem requests are
-// answered on memfd descriptors). The destructor kills and reaps a process still running and
-// removes the temporary directory.
+// answered on memfd descriptors). The destructor stops a process still running as a user would,
+// with SIGTERM, and fails the test unless it exits with status 0 in time (then it is killed): so
+// every daemon's orderly exit is checked, by the sanitizers' exit checks too. It then removes the
+// temporary directory.
 //
 // With preload_hooks = false the unmodified binary daemonises: daemon() forks, the started process
 // exits and the service runs on in its child, with its standard streams on /dev/null (the log
@@ -61,6 +63,8 @@ class DaemonProcess {
     int launcher_status() const { return launcher_status_; }
 
   private:
+    void stop_in_order();
+
     Options options_;
     pid_t pid_ = -1;
     bool reaped_ = false;
