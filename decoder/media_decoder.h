@@ -153,4 +153,5 @@ class MediaDecoder {
     void write_failure() { write_result(STATUS_FAILED, 0, 0); }
     void clear_result() { write_result(STATUS_OK, 0, 0); }
     bool append_extradata(AVCodecContext* ctx, int size);
+    void clear_output_after(size_t used);
 };

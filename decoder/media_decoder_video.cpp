@@ -1,3 +1,7 @@
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstring>
 #include <new>
 
@@ -216,6 +220,27 @@ void MediaDecoder::decode_video_branch() {
     decode_with(state->hw_codec_ctx ? state->hw_codec_ctx.get() : state->sw_codec_ctx.get());
 }
 
+// Everything after the picture reads as zero, so stale bytes never reach the client. Writing
+// zeros over the rest of the area would cost more than the conversion for a small picture; the
+// whole pages behind it are released from the client's object instead (MADV_REMOVE punches a hole
+// in the shared file): they then read as zeros on both sides, and pages nobody touches are never
+// written again. Where the kernel refuses (a sealed object, a block the shared-memory guard has
+// replaced by private pages), they are written as before.
+void MediaDecoder::clear_output_after(size_t used) {
+    static const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    uint8_t* area = output_area();
+    // The mapping is page-aligned, and so are the area's offset and size for the page sizes of
+    // x86-64 and arm64 kernels (4, 16 or 64 KiB).
+    static_assert(SHM_OUTPUT_OFFSET % 0x10000 == 0 && SHM_AREA_SIZE % 0x10000 == 0,
+                  "output area aligned to 64 KiB");
+    const size_t boundary = std::min((used + page - 1) / page * page, SHM_AREA_SIZE);
+    memset(area + used, 0, boundary - used);
+    if (boundary < SHM_AREA_SIZE &&
+        madvise(area + boundary, SHM_AREA_SIZE - boundary, MADV_REMOVE) != 0) {
+        memset(area + boundary, 0, SHM_AREA_SIZE - boundary);
+    }
+}
+
 int MediaDecoder::decode_video(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame* frm) {
     DeferAction failure([this, frm] {
         av_frame_unref(frm);
@@ -291,8 +316,7 @@ int MediaDecoder::decode_video(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame
                                                      : "copy image to output buffer failed");
         return copied;
     }
-    // Everything after the picture is cleared, so stale bytes never reach the client.
-    memset(output_area() + copied, 0, SHM_AREA_SIZE - static_cast<size_t>(copied));
+    clear_output_after(static_cast<size_t>(copied));
 
     int64_t pts = frm->best_effort_timestamp;
     write_result(STATUS_OK, static_cast<uint32_t>(copied), pts);

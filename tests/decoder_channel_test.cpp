@@ -1,6 +1,10 @@
 // Doorbells and sync msgs between decoder clients and the service, and the removal of clients
 // that go away.
 
+#include <fcntl.h>
+#include <sys/mman.h>
+
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <memory>
@@ -10,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include "base/unique_fd.h"
 #include "support/audio_reference.h"
 #include "support/client_util.h"
 #include "support/daemon_process.h"
@@ -204,5 +209,97 @@ TEST_F(DecoderChannelTest, StoppedWorkerSendsNoMoreSyncMsgs) {
     EXPECT_TRUE(daemon.wait_for_log("decoder client disconnected", kWaitMs));
     EXPECT_TRUE(daemon.running());
 }
+
+#ifndef F_SEAL_FUTURE_WRITE
+#define F_SEAL_FUTURE_WRITE 0x0010  // Linux 5.1; older C libraries lack the name
+#endif
+
+// How the client hands over its block; the sealed descriptor makes the kernel refuse to release
+// pages of it, so the service must write the zeros instead.
+enum class BlockKind { kPosixObject, kDescriptor, kSealedDescriptor };
+
+class OutputClearTest : public DecoderChannelTest,
+                        public ::testing::WithParamInterface<BlockKind> {};
+
+// An Annex B stream: its parameter sets travel in band, so a reset decoder, which gets no
+// configuration bytes again, decodes it from the start.
+const DemuxedStream* clear_clip() {
+    static DemuxedStream stream;
+    static bool ok = [] {
+        std::string path = make_media(
+            "output_clear.h264",
+            "-f lavfi -i testsrc=size=160x120:rate=25 -frames:v 8 -c:v libx264 -pix_fmt yuv420p");
+        return !path.empty() && demux_first_stream(path, true, &stream);
+    }();
+    return ok ? &stream : nullptr;
+}
+
+// Fills the whole output area with a pattern, as a client reusing its block might leave it, then
+// decodes the clip from its start until a picture comes; the area must hold the picture and read
+// as zero from its end to the end of the area.
+void expect_picture_then_zeros(DecoderClient& client, const DemuxedStream& clip,
+                               uint32_t picture_size) {
+    uint8_t* out = client.block() + SHM_OUTPUT_OFFSET;
+    memset(out, 0xa5, SHM_AREA_SIZE);
+    ExchangeResult r{};
+    for (size_t i = 0; i < clip.packets.size() && r.output_size == 0; ++i) {
+        const auto& p = clip.packets[i].data;
+        ASSERT_EQ(client.decode_frame(p.data(), p.size(), 0, &r, kWaitMs), ClientError::kOk);
+        ASSERT_NE(r.status, STATUS_FAILED);
+    }
+    ASSERT_EQ(r.output_size, picture_size);
+    EXPECT_FALSE(std::all_of(out, out + picture_size, [](uint8_t b) { return b == 0xa5; }));
+    const auto nonzero =
+        std::count_if(out + picture_size, out + SHM_AREA_SIZE, [](uint8_t b) { return b != 0; });
+    EXPECT_EQ(nonzero, 0) << "bytes past the picture that are not zero";
+}
+
+TEST_P(OutputClearTest, PastThePictureTheAreaReadsZero) {
+    const DemuxedStream* clip = clear_clip();
+    ASSERT_NE(clip, nullptr);
+    DecoderClient client;
+    UniqueFd memfd(memfd_create("svc-test-sealable", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    ASSERT_TRUE(memfd.valid());
+    ASSERT_EQ(ftruncate(memfd.get(), SHM_BLOCK_SIZE), 0);
+    ASSERT_EQ(GetParam() == BlockKind::kPosixObject
+                  ? client.connect_posix(daemon.socket_path())
+                  : client.connect_descriptor(daemon.socket_path(), memfd.get()),
+              ClientError::kOk);
+
+    VideoInitParams params;
+    params.coded_width = clip->width;
+    params.coded_height = clip->height;
+    params.coded_pix_fmt = clip->pix_fmt;
+    params.out_width = 320;
+    params.out_height = 240;
+    ExchangeResult r{};
+    ASSERT_EQ(client.init_video(static_cast<uint32_t>(video_codec_index(clip->codec_name)), params,
+                                clip->extradata.data(), clip->extradata.size(), &r, kWaitMs),
+              ClientError::kOk);
+    ASSERT_EQ(r.status, STATUS_OK);
+    if (GetParam() == BlockKind::kSealedDescriptor) {
+        // Existing writable mappings (the service's and the client's) stay writable, but no page
+        // of the object can be released any more.
+        if (fcntl(memfd.get(), F_ADD_SEALS, F_SEAL_FUTURE_WRITE) != 0) {
+            GTEST_SKIP() << "no F_SEAL_FUTURE_WRITE here: " << strerror(errno);
+        }
+        ASSERT_NE(madvise(client.block() + SHM_OUTPUT_OFFSET, SHM_AREA_SIZE, MADV_REMOVE), 0);
+    }
+
+    ASSERT_NO_FATAL_FAILURE(expect_picture_then_zeros(client, *clip, 320 * 240 * 3 / 2));
+    // A smaller picture after a larger one: the larger one's bytes must not show behind it.
+    ASSERT_EQ(client.reset(160, 120, 0, kWaitMs), ClientError::kOk);
+    ASSERT_NO_FATAL_FAILURE(expect_picture_then_zeros(client, *clip, 160 * 120 * 3 / 2));
+}
+
+INSTANTIATE_TEST_SUITE_P(Blocks, OutputClearTest,
+                         ::testing::Values(BlockKind::kPosixObject, BlockKind::kDescriptor,
+                                           BlockKind::kSealedDescriptor),
+                         [](const ::testing::TestParamInfo<BlockKind>& info) {
+                             return std::string(info.param == BlockKind::kPosixObject ? "Posix"
+                                                : info.param == BlockKind::kDescriptor
+                                                    ? "Descriptor"
+                                                    : "SealedDescriptor");
+                         });
 
 }  // namespace
