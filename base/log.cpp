@@ -1,5 +1,8 @@
 #include "base/log.h"
 
+#include <sys/stat.h>
+
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -24,6 +27,30 @@ FILE* current_stream() {
     return log_stream != nullptr ? log_stream : stdout;
 }
 
+// Whether the log goes to /dev/null, as it does once daemon() has pointed standard output there:
+// then a line is dropped before it is formatted, since formatting it and writing it would cost a
+// short request more than the request itself. Worked out at the first line after each switch of
+// the stream (daemon() redirects the descriptor after the static initialisers, before any line).
+enum StreamKind { kUnknown, kWrites, kDiscards };
+std::atomic<int> stream_kind{kUnknown};
+
+bool is_dev_null(FILE* stream) {
+    struct stat st;
+    struct stat null_st;
+    return fstat(fileno(stream), &st) == 0 && S_ISCHR(st.st_mode) &&
+           stat("/dev/null", &null_st) == 0 && st.st_rdev == null_st.st_rdev;
+}
+
+bool discarding() {
+    int kind = stream_kind.load(std::memory_order_relaxed);
+    if (kind == kUnknown) {
+        std::lock_guard<std::mutex> lock(log_mutex);
+        kind = is_dev_null(current_stream()) ? kDiscards : kWrites;
+        stream_kind.store(kind, std::memory_order_relaxed);
+    }
+    return kind == kDiscards;
+}
+
 }  // namespace
 
 static LogCloseGuard log_close_guard;
@@ -31,6 +58,12 @@ static LogCloseGuard log_close_guard;
 void SvcLogWrite(int level, const char* module, const char* file, int line, const char* fmt, ...) {
     if (static_cast<unsigned>(level) > SVC_LOG_FATAL) {
         level = SVC_LOG_FATAL;
+    }
+    if (discarding()) {
+        if (level == SVC_LOG_FATAL) {
+            abort();
+        }
+        return;
     }
 
     char buffer[kLineSize];
@@ -71,6 +104,7 @@ void SvcLogWrite(int level, const char* module, const char* file, int line, cons
 
 void SvcLogFile(const char* path) {
     std::lock_guard<std::mutex> lock(log_mutex);
+    stream_kind.store(kUnknown, std::memory_order_relaxed);
     log_stream = current_stream();
     if (path != nullptr) {
         FILE* file = fopen(path, "ab+");

@@ -90,6 +90,11 @@ TEST(LogTest, SwitchingFilesNamesTheNextDestination) {
     SvcLogWrite(SVC_LOG_DEBUG, "m", "f", 1, "one");
     SvcLogFile(second.c_str());
     SvcLogWrite(SVC_LOG_DEBUG, "m", "f", 2, "two");
+    // Lines to /dev/null are dropped unformatted; the next file gets lines again.
+    SvcLogFile("/dev/null");
+    SvcLogWrite(SVC_LOG_DEBUG, "m", "f", 9, "unseen");
+    SvcLogFile(second.c_str());
+    SvcLogWrite(SVC_LOG_DEBUG, "m", "f", 4, "after");
     // A file that cannot be opened leaves the log where it is.
     SvcLogFile(unopenable.c_str());
     SvcLogWrite(SVC_LOG_DEBUG, "m", "f", 3, "three");
@@ -97,8 +102,9 @@ TEST(LogTest, SwitchingFilesNamesTheNextDestination) {
 
     // Files are appended to.
     EXPECT_EQ(read_file(first), "earlier\n[DEBUG] [m] f:1 one\n日志文件切换: " + second + "\n");
-    EXPECT_EQ(read_file(second), "[DEBUG] [m] f:2 two\n切换日志文件失败 " + unopenable + " 2\n" +
-                                     "[DEBUG] [m] f:3 three\n" + kBackToStdout);
+    EXPECT_EQ(read_file(second), std::string("[DEBUG] [m] f:2 two\n日志文件切换: /dev/null\n") +
+                                     "[DEBUG] [m] f:4 after\n切换日志文件失败 " + unopenable +
+                                     " 2\n[DEBUG] [m] f:3 three\n" + kBackToStdout);
 }
 
 TEST(LogTest, StandardOutputByDefaultAndWhenSwitchedBack) {
