@@ -13,6 +13,7 @@
 #include <ev++.h>
 
 #include "base/ashmem.h"
+#include "base/spin_wait.h"
 #include "base/unique_fd.h"
 #include "decoder/exchange_block.h"
 #include "decoder/ffmpeg_compat.h"
@@ -84,6 +85,8 @@ class MediaDecoder {
     void signal_quit();
     // Whether the worker has been told to end, or ended on its own after a fatal request.
     bool quitting() const { return quit.load() != 0; }
+    // Requests the worker has finished so far; it counts one before each completion signal.
+    uint64_t completed_requests() const { return requests_done.load(std::memory_order_acquire); }
 
     static AVPixelFormat get_hw_format(AVCodecContext* ctx, const AVPixelFormat* pix_fmts);
 
@@ -115,7 +118,10 @@ class MediaDecoder {
     std::atomic<int> request_ready{0};
     std::mutex request_mutex;
     std::condition_variable request_cond;
+    // Worker only: how long it spins on request_ready before it sleeps.
+    SpinWait request_spin{std::chrono::microseconds(100)};
 
+    bool wait_for_request();
     void dispatch(uint32_t request_type);
     bool check_block_lost();
     int guard_slot = -1;

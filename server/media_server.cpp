@@ -30,6 +30,8 @@ constexpr double SESSION_PING_INTERVAL = 2.0;
 constexpr double SESSION_RESPONSE_TIMEOUT = 8.0;
 constexpr int LISTEN_BACKLOG = 10;
 constexpr double ACCEPT_RETRY_DELAY = 0.25;
+// A doorbell this soon after the client's last sync msg comes from a client in a tight loop.
+constexpr std::chrono::microseconds kBackToBack(100);
 
 // Space of one SCM_CREDENTIALS and one SCM_RIGHTS message with one or two descriptors: the only
 // control data a well-formed client type msg carries.
@@ -158,6 +160,9 @@ MediaServer::MediaServer(const std::string& path)
     }
     decoder_purge_io.reset(new ev::io());
     decoder_purge_io->set<MediaServer, &MediaServer::on_decoder_purge_io_event>(this);
+    loop_prepare.reset(new ev::prepare());
+    loop_prepare->set<MediaServer, &MediaServer::on_loop_prepare_event>(this);
+    loop_prepare->start();
 }
 
 UniqueFd MediaServer::listen() {
@@ -680,6 +685,12 @@ void MediaServer::decoder_handle_t::on_decoder_client_io_event(ev::io& io, int r
             return;
         }
         if (decoder) {
+            if (!request_in_flight) {
+                request_in_flight = true;
+                rung_at = SpinWait::Clock::now();
+                back_to_back = rung_at - synced_at <= kBackToBack;
+                completions_before = decoder->completed_requests();
+            }
             decoder->signal_request();
         }
         gone.cancel();
@@ -698,6 +709,7 @@ void MediaServer::decoder_handle_t::on_decoder_client_io_event(ev::io& io, int r
             return;
         }
         if (n == 1) {
+            synced_at = SpinWait::Clock::now();
             set_write_interest(io, false);
             io.start();
         }
@@ -721,6 +733,10 @@ void MediaServer::decoder_handle_t::on_decoder_notify_event(ev::async& /*watcher
         decoder_gone();
         return;
     }
+    if (request_in_flight) {
+        request_in_flight = false;
+        last_request = SpinWait::Clock::now() - rung_at;
+    }
     if (io) {
         set_write_interest(*io, true);
         io->start();
@@ -741,6 +757,29 @@ void MediaServer::on_decoder_purge_io_event(ev::io& /*watcher*/, int /*revents*/
         }
     }
     purge_list.clear();
+}
+
+// Before the loop sleeps: while a client that sends short requests (empty ones, audio packets)
+// back to back has one in flight, spin until a worker completes one. Its completion signal then
+// finds the loop awake instead of having to wake it, which would cost more than the request.
+// Long requests (a video picture) and clients that pause between requests (a player keeping to
+// its frame rate) are waited for asleep.
+void MediaServer::on_loop_prepare_event(ev::prepare& /*watcher*/, int /*revents*/) {
+    const SpinWait::Clock::duration short_request = completion_spin.bound();
+    const auto awaited = [short_request](const std::unique_ptr<decoder_handle_t>& h) {
+        return h && h->request_in_flight && h->back_to_back && h->decoder &&
+               !h->decoder->quitting() && h->last_request <= short_request;
+    };
+    if (std::none_of(decoder_handles.begin(), decoder_handles.end(), awaited)) {
+        return;
+    }
+    completion_spin.spin([this, &awaited] {
+        return std::any_of(decoder_handles.begin(), decoder_handles.end(),
+                           [&awaited](const std::unique_ptr<decoder_handle_t>& h) {
+                               return awaited(h) &&
+                                      h->decoder->completed_requests() != h->completions_before;
+                           });
+    });
 }
 
 // ---------------------------------------------------------------------------------------------

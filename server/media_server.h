@@ -29,6 +29,7 @@
 
 #include <ev++.h>
 
+#include "base/spin_wait.h"
 #include "base/unique_fd.h"
 #include "decoder/media_decoder.h"
 
@@ -81,6 +82,15 @@ class MediaServer {
         std::unique_ptr<ev::io> io;
         std::shared_ptr<ev::async> notify;
         std::function<void(const decoder_handle_t*)> on_terminate;
+        // For the loop's completion spin: the request in flight from its doorbell to the worker's
+        // completion signal, whether that doorbell came right after the last sync msg, and how
+        // long the last request took.
+        bool request_in_flight = false;
+        bool back_to_back = false;
+        uint64_t completions_before = 0;
+        SpinWait::Clock::time_point rung_at;
+        SpinWait::Clock::time_point synced_at;
+        SpinWait::Clock::duration last_request{};
 
         decoder_handle_t() = default;
         decoder_handle_t(const decoder_handle_t&) = delete;
@@ -105,6 +115,7 @@ class MediaServer {
     void on_pending_io_event(ev::io& io, int revents);
     void on_session_terminate_io_event(ev::io& watcher, int revents);
     void on_decoder_purge_io_event(ev::io& watcher, int revents);
+    void on_loop_prepare_event(ev::prepare& watcher, int revents);
 
     void on_media_server_stopped(const std::function<void()>& callback);
     void stop();
@@ -117,6 +128,9 @@ class MediaServer {
     std::unique_ptr<ev::io> decoder_purge_io;
     std::vector<const decoder_handle_t*> purge_list;
     std::function<void()> stopped_callback;
+    // Runs before the loop goes to sleep; see on_loop_prepare_event.
+    std::unique_ptr<ev::prepare> loop_prepare;
+    SpinWait completion_spin{std::chrono::microseconds(100)};
 
   private:
     // Both cancel `drop_pending` once the connection is registered.
