@@ -175,16 +175,9 @@ Answer LocalVideoDecoder::decode(const uint8_t* data, int size, int64_t pts) {
     if (copied < 0) {
         return fail();
     }
+    // The service releases these pages instead where the kernel lets it; zeros either way.
     const size_t packed = static_cast<size_t>(copied);
-    if (mode_ == Output::kDirect) {
-        // Only what an earlier, larger picture left behind.
-        if (written_ > packed) {
-            memset(area + packed, 0, written_ - packed);
-        }
-        written_ = packed;
-    } else {
-        memset(area + packed, 0, SHM_AREA_SIZE - packed);
-    }
+    memset(area + packed, 0, SHM_AREA_SIZE - packed);
     Answer answer{STATUS_OK, static_cast<uint32_t>(packed), frame_->best_effort_timestamp};
     av_frame_unref(frame_);
     return answer;

@@ -49,13 +49,10 @@ class LocalVideoDecoder {
     enum class Output {
         // Per picture, as the service does: conversion straight into the output area where the
         // line sizes allow it, else into a picture buffer of its own and a copy; then the rest
-        // of the area zeroed.
+        // of the area written with zeros (where the service releases the pages instead).
         kLikeService,
         // Conversion straight into one reused picture buffer: no copy, no zeroing.
         kScaleOnly,
-        // As kLikeService, but only the bytes of an earlier, larger picture are zeroed behind
-        // the picture: the same area content without clearing untouched memory.
-        kDirect,
     };
 
     LocalVideoDecoder() = default;
@@ -68,7 +65,7 @@ class LocalVideoDecoder {
     bool open(const StreamInfo& info, int out_width, int out_height, int out_pix_fmt, Output mode,
               std::string* error);
     Answer decode(const uint8_t* data, int size, int64_t pts);
-    // The output area (kLikeService, kDirect) or the picture buffer (kScaleOnly).
+    // The output area (kLikeService) or the picture buffer (kScaleOnly).
     const uint8_t* output() const;
 
   private:
@@ -84,7 +81,6 @@ class LocalVideoDecoder {
     uint8_t* picture_[4] = {nullptr, nullptr, nullptr, nullptr};  // kScaleOnly
     int linesizes_[4] = {0, 0, 0, 0};
     int picture_size_ = 0;
-    size_t written_ = 0;  // kDirect: bytes of the area that may be non-zero
 };
 
 class LocalAudioDecoder {
