@@ -160,4 +160,5 @@ class MediaDecoder {
     void clear_result() { write_result(STATUS_OK, 0, 0); }
     bool append_extradata(AVCodecContext* ctx, int size);
     void clear_output_after(size_t used);
+    bool release_pages(size_t offset, size_t length);
 };

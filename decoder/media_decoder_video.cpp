@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -222,23 +223,36 @@ void MediaDecoder::decode_video_branch() {
 
 // Everything after the picture reads as zero, so stale bytes never reach the client. Writing
 // zeros over the rest of the area would cost more than the conversion for a small picture; the
-// whole pages behind it are released from the client's object instead (MADV_REMOVE punches a hole
-// in the shared file): they then read as zeros on both sides, and pages nobody touches are never
-// written again. Where the kernel refuses (a sealed object, a block the shared-memory guard has
-// replaced by private pages), they are written as before.
+// whole pages behind it are released from the client's object instead: they then read as zeros
+// on both sides, and pages nobody touches are never written again. Where that is refused (a
+// sealed object, a block the shared-memory guard has replaced by private pages), they are written
+// as before.
 void MediaDecoder::clear_output_after(size_t used) {
     static const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
-    uint8_t* area = output_area();
     // The mapping is page-aligned, and so are the area's offset and size for the page sizes of
     // x86-64 and arm64 kernels (4, 16 or 64 KiB).
     static_assert(SHM_OUTPUT_OFFSET % 0x10000 == 0 && SHM_AREA_SIZE % 0x10000 == 0,
                   "output area aligned to 64 KiB");
+    uint8_t* area = output_area();
     const size_t boundary = std::min((used + page - 1) / page * page, SHM_AREA_SIZE);
     memset(area + used, 0, boundary - used);
     if (boundary < SHM_AREA_SIZE &&
-        madvise(area + boundary, SHM_AREA_SIZE - boundary, MADV_REMOVE) != 0) {
+        !release_pages(SHM_OUTPUT_OFFSET + boundary, SHM_AREA_SIZE - boundary)) {
         memset(area + boundary, 0, SHM_AREA_SIZE - boundary);
     }
+}
+
+// Punches a hole into the object through its descriptor (a POSIX object, a memfd), else through
+// the mapping (an ashmem region: its driver has no fallocate, but its mapping is of the backing
+// object). The descriptor comes first because user-mode emulators answer madvise with success
+// without doing anything.
+bool MediaDecoder::release_pages(size_t offset, size_t length) {
+    const int fd = ashmem ? ashmem->mFd : shm_fd.get();
+    if (fd >= 0 && fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
+                             static_cast<off_t>(offset), static_cast<off_t>(length)) == 0) {
+        return true;
+    }
+    return madvise(block + offset, length, MADV_REMOVE) == 0;
 }
 
 int MediaDecoder::decode_video(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame* frm) {
