@@ -96,6 +96,119 @@ void close_received_fd(std::vector<UniqueFd>& owners, int fd) {
     }
 }
 
+// Reads the control messages of a well-formed record: the one descriptor passed (two are closed
+// and count as none) and the sender's pid from its credentials.
+void read_ancillary_data(msghdr& msg, std::vector<UniqueFd>& received_fds,
+                         MediaServer::client_type_msg_t* out) {
+    int shm_fd = -1;
+    for (cmsghdr* cmsg = CMSG_FIRSTHDR(&msg); cmsg != nullptr; cmsg = CMSG_NXTHDR(&msg, cmsg)) {
+        if (cmsg->cmsg_level != SOL_SOCKET) {
+            continue;
+        }
+        if (cmsg->cmsg_type == SCM_RIGHTS) {
+            size_t payload = cmsg_payload_size(msg, cmsg);
+            if (payload % sizeof(int) != 0) {
+                abort();  // the kernel forms this message; a remainder means memory is corrupt
+            }
+            size_t count = payload / sizeof(int);
+            const uint8_t* data = CMSG_DATA(cmsg);
+            if (count == 1) {
+                memcpy(&shm_fd, data, sizeof(int));
+                LOGD("shared memory fd: %d rececived", shm_fd);  // sic: the log text as specified
+            } else {
+                for (size_t i = 0; i < count; ++i) {
+                    int extra;
+                    memcpy(&extra, data + i * sizeof(int), sizeof(int));
+                    close_received_fd(received_fds, extra);
+                }
+            }
+        } else if (cmsg->cmsg_type == SCM_CREDENTIALS) {
+            if (cmsg_payload_size(msg, cmsg) < sizeof(ucred)) {
+                continue;
+            }
+            ucred cred;
+            memcpy(&cred, CMSG_DATA(cmsg), sizeof(cred));
+            LOGD("pid: %d rececived", cred.pid);  // sic: the log text as specified
+            out->session_pid = cred.pid;
+        }
+    }
+    out->shm_fd = take_received_fd(received_fds, shm_fd);
+}
+
+// Receives the first record of a pending connection. False, with the reason logged, when there is
+// no usable message: the connection is then dropped. Every descriptor that came with the record
+// is owned from the moment it is received; all but the one handed on in `msg` are closed here.
+bool receive_client_type_msg(int fd, MediaServer::client_type_msg_t* msg) {
+    uint8_t header[CLIENT_HEADER_SIZE] = {};
+    alignas(cmsghdr) uint8_t control[CLIENT_CONTROL_SIZE] = {};
+    iovec iov[2];
+    iov[0].iov_base = header;
+    iov[0].iov_len = sizeof(header);
+    iov[1].iov_base = msg->shm_name;
+    iov[1].iov_len = SHM_NAME_MAX;  // the last byte stays 0, so the name is always terminated
+    msghdr mh;
+    memset(&mh, 0, sizeof(mh));
+    mh.msg_iov = iov;
+    mh.msg_iovlen = 2;
+    mh.msg_control = control;
+    mh.msg_controllen = sizeof(control);
+
+    ssize_t received;
+    do {
+        received = recvmsg(fd, &mh, 0);
+    } while (received < 0 && errno == EINTR);
+    if (received < 0) {
+        LOGE("recvmsg failed: [%d] %s", errno, strerror(errno));
+        return false;
+    }
+    std::vector<UniqueFd> received_fds;
+    adopt_received_fds(mh, received_fds);
+
+    if (received == 0) {
+        LOGI("client disconnected: %d", fd);
+        return false;
+    }
+    // Credentials plus one or two descriptors fill exactly this space; anything else (no
+    // descriptor, more of them, a cut-off control buffer) is refused.
+    if (mh.msg_controllen != CLIENT_CONTROL_SIZE || (mh.msg_flags & ~MSG_TRUNC) != 0) {
+        LOGE("malformed control msg received");
+        return false;
+    }
+    msg->client_type = header[0];
+    read_ancillary_data(mh, received_fds, msg);
+    return true;
+}
+
+// The first ping msg carries one descriptor, the service's standard input (/dev/null once
+// daemonised); later pings are the byte alone. MSG_NOSIGNAL: a peer that has shut down its
+// reading side must not kill the service with SIGPIPE; the failure ends the session instead.
+ssize_t send_ping(int fd, bool first) {
+    uint8_t ping = PING_MSG_BYTE;
+    iovec iov;
+    iov.iov_base = &ping;
+    iov.iov_len = 1;
+    alignas(cmsghdr) uint8_t control[CMSG_SPACE(sizeof(int))] = {};
+    msghdr msg;
+    memset(&msg, 0, sizeof(msg));
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    if (first) {
+        msg.msg_control = control;
+        msg.msg_controllen = sizeof(control);
+        cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
+        cmsg->cmsg_len = CMSG_LEN(sizeof(int));
+        cmsg->cmsg_level = SOL_SOCKET;
+        cmsg->cmsg_type = SCM_RIGHTS;
+        int passed_fd = STDIN_FILENO;
+        memcpy(CMSG_DATA(cmsg), &passed_fd, sizeof(passed_fd));
+    }
+    ssize_t n;
+    do {
+        n = sendmsg(fd, &msg, MSG_NOSIGNAL);
+    } while (n < 0 && errno == EINTR);
+    return n;
+}
+
 }  // namespace
 
 std::string get_process_exe_name(int pid) {
@@ -239,6 +352,7 @@ void MediaServer::on_server_listen_event(ev::io& watcher, int /*revents*/) {
     int one = 1;
     if (setsockopt(client, SOL_SOCKET, SO_PASSCRED, &one, sizeof(one)) < 0) {
         LOGE("client connection fd set SO_PASSCRED failed: [%d] %s", errno, strerror(errno));
+        // Verbatim: 51 x's on standard output, outside the log, as the protocol's log has it.
         puts("xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx");
         return;
     }
@@ -326,85 +440,17 @@ void MediaServer::on_pending_io_event(ev::io& io, int revents) {
         return;
     }
 
-    uint8_t header[CLIENT_HEADER_SIZE] = {};
-    char shm_name[SHM_NAME_MAX + 1] = {};
-    alignas(cmsghdr) uint8_t control[CLIENT_CONTROL_SIZE] = {};
-    iovec iov[2];
-    iov[0].iov_base = header;
-    iov[0].iov_len = sizeof(header);
-    iov[1].iov_base = shm_name;
-    iov[1].iov_len = SHM_NAME_MAX;  // the last byte stays 0, so the name is always terminated
-    msghdr msg;
-    memset(&msg, 0, sizeof(msg));
-    msg.msg_iov = iov;
-    msg.msg_iovlen = 2;
-    msg.msg_control = control;
-    msg.msg_controllen = sizeof(control);
-
-    ssize_t received;
-    do {
-        received = recvmsg(fd, &msg, 0);
-    } while (received < 0 && errno == EINTR);
-    if (received < 0) {
-        LOGE("recvmsg failed: [%d] %s", errno, strerror(errno));
+    client_type_msg_t msg;
+    if (!receive_client_type_msg(fd, &msg)) {
         return;
     }
-
-    // Every descriptor that came with the record; whatever is not handed to a decoder is closed
-    // when this handler returns.
-    std::vector<UniqueFd> received_fds;
-    adopt_received_fds(msg, received_fds);
-
-    if (received == 0) {
-        LOGI("client disconnected: %d", fd);
-        return;
-    }
-    if (msg.msg_controllen != CLIENT_CONTROL_SIZE || (msg.msg_flags & ~MSG_TRUNC) != 0) {
-        LOGE("malformed control msg received");
-        return;
-    }
-
-    int received_fd = -1;
-    int session_pid = -1;
-    for (cmsghdr* cmsg = CMSG_FIRSTHDR(&msg); cmsg != nullptr; cmsg = CMSG_NXTHDR(&msg, cmsg)) {
-        if (cmsg->cmsg_level != SOL_SOCKET) {
-            continue;
-        }
-        if (cmsg->cmsg_type == SCM_RIGHTS) {
-            size_t payload = cmsg_payload_size(msg, cmsg);
-            if (payload % sizeof(int) != 0) {
-                abort();  // the kernel forms this message; a remainder means memory is corrupt
-            }
-            size_t count = payload / sizeof(int);
-            const uint8_t* data = CMSG_DATA(cmsg);
-            if (count == 1) {
-                memcpy(&received_fd, data, sizeof(int));
-                LOGD("shared memory fd: %d rececived", received_fd);
-            } else {
-                for (size_t i = 0; i < count; ++i) {
-                    int extra;
-                    memcpy(&extra, data + i * sizeof(int), sizeof(int));
-                    close_received_fd(received_fds, extra);
-                }
-            }
-        } else if (cmsg->cmsg_type == SCM_CREDENTIALS) {
-            if (cmsg_payload_size(msg, cmsg) < sizeof(ucred)) {
-                continue;
-            }
-            ucred cred;
-            memcpy(&cred, CMSG_DATA(cmsg), sizeof(cred));
-            LOGD("pid: %d rececived", cred.pid);
-            session_pid = cred.pid;
-        }
-    }
-
-    switch (header[0]) {
+    switch (msg.client_type) {
         case CLIENT_TYPE_SESSION:
-            register_session(io, session_pid, drop_pending);
+            register_session(io, msg.session_pid, drop_pending);
             break;
         case CLIENT_TYPE_ASHMEM_DECODER:
         case CLIENT_TYPE_SHM_DECODER:
-            register_decoder(io, header[0], shm_name, take_received_fd(received_fds, received_fd),
+            register_decoder(io, msg.client_type, msg.shm_name, std::move(msg.shm_fd),
                              drop_pending);
             break;
         default:
@@ -554,46 +600,11 @@ void MediaServer::session_handle_t::on_session_io_event(ev::io& watcher, int rev
 
     if (revents & EV_WRITE) {
         LOGD("send ping msg to session");
-        uint8_t ping = PING_MSG_BYTE;
-        if (first_ping_sent == 1) {
-            ssize_t n;
-            do {
-                // MSG_NOSIGNAL: a peer that has shut down its reading side must not kill the
-                // service with SIGPIPE; the failure ends the session instead.
-                n = send(watcher.fd, &ping, 1, MSG_NOSIGNAL);
-            } while (n < 0 && errno == EINTR);
-            if (n != 1) {
-                LOGE("send ping msg to session failed: [%d] %s", errno, strerror(errno));
-                return;
-            }
-        } else {
-            // The first ping carries a descriptor (standard input, /dev/null once daemonised).
-            iovec iov;
-            iov.iov_base = &ping;
-            iov.iov_len = 1;
-            alignas(cmsghdr) uint8_t control[CMSG_SPACE(sizeof(int))] = {};
-            msghdr msg;
-            memset(&msg, 0, sizeof(msg));
-            msg.msg_iov = &iov;
-            msg.msg_iovlen = 1;
-            msg.msg_control = control;
-            msg.msg_controllen = sizeof(control);
-            cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
-            cmsg->cmsg_len = CMSG_LEN(sizeof(int));
-            cmsg->cmsg_level = SOL_SOCKET;
-            cmsg->cmsg_type = SCM_RIGHTS;
-            int passed_fd = STDIN_FILENO;
-            memcpy(CMSG_DATA(cmsg), &passed_fd, sizeof(passed_fd));
-            ssize_t n;
-            do {
-                n = sendmsg(watcher.fd, &msg, MSG_NOSIGNAL);
-            } while (n < 0 && errno == EINTR);
-            if (n < 0) {
-                LOGE("send ping msg to session failed: [%d] %s", errno, strerror(errno));
-                return;
-            }
-            first_ping_sent = 1;
+        if (send_ping(watcher.fd, first_ping_sent == 0) != 1) {
+            LOGE("send ping msg to session failed: [%d] %s", errno, strerror(errno));
+            return;
         }
+        first_ping_sent = 1;
         set_write_interest(watcher, false);
         watcher.start();
         session_end.cancel();
@@ -621,7 +632,7 @@ void MediaServer::session_handle_t::on_session_timer_event(ev::timer& /*watcher*
             "session process exists, but no response from session client in a period of time, "
             "now force ending...");
     } else {
-        LOGD("session process not found, now quiting...");
+        LOGD("session process not found, now quiting...");  // sic: verbatim log text
     }
     timer->stop();
     if (io) {

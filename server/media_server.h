@@ -104,6 +104,15 @@ class MediaServer {
         void decoder_gone();
     };
 
+    // The first record of a connection, once received: what the client asks to be, and what
+    // its ancillary data brought.
+    struct client_type_msg_t {
+        uint8_t client_type = 0;
+        char shm_name[SHM_NAME_MAX + 1] = {};  // type 3: the POSIX shared memory object's name
+        UniqueFd shm_fd;                       // the one descriptor passed; none when two came
+        int session_pid = -1;                  // from the sender's credentials
+    };
+
     explicit MediaServer(const std::string& path);
     MediaServer(const MediaServer&) = delete;
     MediaServer& operator=(const MediaServer&) = delete;
