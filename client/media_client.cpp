@@ -80,7 +80,7 @@ std::string default_socket_path() {
     } else {
         dir = "/run/user/" + std::to_string(geteuid());
     }
-    return dir + "/vessa/sockets/media-service.socket";
+    return dir + SOCKET_PATH_IN_RUNTIME_DIR;
 }
 
 int connect_service(const std::string& path) {
@@ -514,44 +514,69 @@ void DecoderClient::set_result(const ExchangeResult& result) {
     }
 }
 
-ClientError DecoderClient::write_init(uint32_t media_type, uint32_t codec_index,
-                                      const std::array<int32_t, 7>& params, const void* config,
-                                      size_t config_size) {
+ClientError DecoderClient::write_header(const void* header, size_t size) {
     if (block_ == nullptr) {
         return ClientError::kNotConnected;
     }
-    ExchangeInitRequest request{};
-    request.request_type = REQUEST_INIT_CODEC;
-    request.media_type = media_type;
-    request.codec_index = codec_index;
-    for (size_t i = 0; i < params.size(); ++i) {
-        request.param[i] = params[i];
+    memcpy(block_ + SHM_REQUEST_OFFSET, header, size);
+    return ClientError::kOk;
+}
+
+// The configuration bytes go to the input area and their count to param4; no bytes, no count.
+ClientError DecoderClient::write_config(const void* config, size_t config_size,
+                                        int32_t* size_field) {
+    if (block_ == nullptr) {
+        return ClientError::kNotConnected;
     }
     if (config != nullptr) {
         if (config_size > SHM_AREA_SIZE) {
             return ClientError::kInvalidArgument;
         }
         memmove(input(), config, config_size);
-        request.param[3] = static_cast<int32_t>(config_size);
+        *size_field = static_cast<int32_t>(config_size);
     }
-    memcpy(block_ + SHM_REQUEST_OFFSET, &request, sizeof(request));
     return ClientError::kOk;
+}
+
+ClientError DecoderClient::write_init(uint32_t media_type, uint32_t codec_index,
+                                      const std::array<int32_t, 7>& params, const void* config,
+                                      size_t config_size) {
+    ExchangeInitRequest request{REQUEST_INIT_CODEC, media_type, codec_index, {}};
+    std::copy(params.begin(), params.end(), request.param);
+    ClientError e = write_config(config, config_size, &request.param[3]);
+    return e == ClientError::kOk ? write_header(&request, sizeof(request)) : e;
 }
 
 ClientError DecoderClient::write_init_video(uint32_t codec_index, const VideoInitParams& p,
                                             const void* config, size_t config_size) {
-    return write_init(MEDIA_TYPE_VIDEO, codec_index,
-                      {p.coded_width, p.coded_height, p.coded_pix_fmt, 0, p.out_width, p.out_height,
-                       p.out_pix_fmt},
-                      config, config_size);
+    ExchangeVideoInit request{REQUEST_INIT_CODEC,
+                              static_cast<uint32_t>(MEDIA_TYPE_VIDEO),
+                              codec_index,
+                              p.coded_width,
+                              p.coded_height,
+                              p.coded_pix_fmt,
+                              0,
+                              p.out_width,
+                              p.out_height,
+                              p.out_pix_fmt};
+    ClientError e = write_config(config, config_size, &request.config_size);
+    return e == ClientError::kOk ? write_header(&request, sizeof(request)) : e;
 }
 
 ClientError DecoderClient::write_init_audio(uint32_t codec_index, const AudioInitParams& p,
                                             const void* config, size_t config_size) {
-    return write_init(MEDIA_TYPE_AUDIO, codec_index,
-                      {p.in_sample_fmt, p.in_channels, p.in_sample_rate, 0, p.out_sample_fmt,
-                       p.out_channels, p.out_sample_rate},
-                      config, config_size);
+    ExchangeAudioInit request{REQUEST_INIT_CODEC,
+                              static_cast<uint32_t>(MEDIA_TYPE_AUDIO),
+                              codec_index,
+                              p.in_sample_fmt,
+                              p.in_channels,
+                              p.in_sample_rate,
+                              0,
+                              p.out_sample_fmt,
+                              p.out_channels,
+                              p.out_sample_rate};
+    ClientError e = write_config(config, config_size, &request.config_size);
+    return e == ClientError::kOk ? write_header(&request, sizeof(request)) : e;
 }
 
 ClientError DecoderClient::write_decode_frame(const void* data, size_t size, int64_t pts) {
@@ -580,17 +605,17 @@ ClientError DecoderClient::write_codec_config(const void* data, size_t size) {
     return written;
 }
 
-ClientError DecoderClient::write_reset(int32_t a, int32_t b, int32_t c) {
-    if (block_ == nullptr) {
-        return ClientError::kNotConnected;
-    }
-    ExchangeResetRequest request{};
-    request.request_type = REQUEST_RESET_CONTEXT;
-    request.param[0] = a;
-    request.param[1] = b;
-    request.param[2] = c;
-    memcpy(block_ + SHM_REQUEST_OFFSET, &request, sizeof(request));
-    return ClientError::kOk;
+ClientError DecoderClient::write_reset_video(int32_t out_width, int32_t out_height,
+                                             int32_t out_pix_fmt) {
+    ExchangeVideoReset request{REQUEST_RESET_CONTEXT, 0, out_width, out_height, out_pix_fmt};
+    return write_header(&request, sizeof(request));
+}
+
+ClientError DecoderClient::write_reset_audio(int32_t out_sample_fmt, int32_t out_channels,
+                                             int32_t out_sample_rate) {
+    ExchangeAudioReset request{REQUEST_RESET_CONTEXT, 0, out_sample_fmt, out_channels,
+                               out_sample_rate};
+    return write_header(&request, sizeof(request));
 }
 
 ClientError DecoderClient::write_request_type(uint32_t request_type) {
@@ -683,8 +708,15 @@ ClientError DecoderClient::codec_config(const void* data, size_t size, int timeo
     return finish(write_codec_config(data, size), nullptr, timeout_ms);
 }
 
-ClientError DecoderClient::reset(int32_t a, int32_t b, int32_t c, int timeout_ms) {
-    return finish(write_reset(a, b, c), nullptr, timeout_ms);
+ClientError DecoderClient::reset_video(int32_t out_width, int32_t out_height, int32_t out_pix_fmt,
+                                       int timeout_ms) {
+    return finish(write_reset_video(out_width, out_height, out_pix_fmt), nullptr, timeout_ms);
+}
+
+ClientError DecoderClient::reset_audio(int32_t out_sample_fmt, int32_t out_channels,
+                                       int32_t out_sample_rate, int timeout_ms) {
+    return finish(write_reset_audio(out_sample_fmt, out_channels, out_sample_rate), nullptr,
+                  timeout_ms);
 }
 
 ClientError DecoderClient::destroy(int timeout_ms) {

@@ -193,8 +193,10 @@ class DecoderClient {
     // `data` null: the first `size` bytes of the input area already hold the packet.
     ClientError write_decode_frame(const void* data, size_t size, int64_t pts);
     ClientError write_codec_config(const void* data, size_t size);
-    // Video: output width, height, pixel format; audio: output sample format, channels, rate.
-    ClientError write_reset(int32_t a, int32_t b, int32_t c);
+    // A reset context request: the new output of the video or audio decoder in use.
+    ClientError write_reset_video(int32_t out_width, int32_t out_height, int32_t out_pix_fmt);
+    ClientError write_reset_audio(int32_t out_sample_fmt, int32_t out_channels,
+                                  int32_t out_sample_rate);
     ClientError write_request_type(uint32_t request_type);
 
     // Rings the doorbell with a record of `bytes` bytes (at least 1).
@@ -215,11 +217,16 @@ class DecoderClient {
                              ExchangeResult* result = nullptr, int timeout_ms = kDefaultTimeoutMs);
     ClientError flush(int timeout_ms = kDefaultTimeoutMs);
     ClientError codec_config(const void* data, size_t size, int timeout_ms = kDefaultTimeoutMs);
-    ClientError reset(int32_t a, int32_t b, int32_t c, int timeout_ms = kDefaultTimeoutMs);
+    ClientError reset_video(int32_t out_width, int32_t out_height, int32_t out_pix_fmt,
+                            int timeout_ms = kDefaultTimeoutMs);
+    ClientError reset_audio(int32_t out_sample_fmt, int32_t out_channels, int32_t out_sample_rate,
+                            int timeout_ms = kDefaultTimeoutMs);
     ClientError destroy(int timeout_ms = kDefaultTimeoutMs);
 
   private:
     ClientError map_block(int fd);
+    ClientError write_header(const void* header, size_t size);
+    ClientError write_config(const void* config, size_t config_size, int32_t* size_field);
     ClientError finish(ClientError written, ExchangeResult* result, int timeout_ms);
 
     int fd_ = -1;

@@ -6,6 +6,10 @@
 #include <cstddef>
 #include <cstdint>
 
+// The service's socket, under the user's runtime directory ($XDG_RUNTIME_DIR, or /run/user/<euid>
+// when that is unset).
+constexpr const char* SOCKET_PATH_IN_RUNTIME_DIR = "/vessa/sockets/media-service.socket";
+
 // Client type msg, byte 0.
 constexpr uint8_t CLIENT_TYPE_SESSION = 1;
 constexpr uint8_t CLIENT_TYPE_ASHMEM_DECODER = 2;
@@ -66,6 +70,33 @@ struct ExchangeInitRequest {
     int32_t param[7];
 };
 
+// The same header as video and audio setups read param1..param7.
+struct ExchangeVideoInit {
+    uint32_t request_type;
+    uint32_t media_type;
+    uint32_t codec_index;
+    int32_t coded_width;
+    int32_t coded_height;
+    int32_t coded_pix_fmt;
+    int32_t config_size;  // configuration bytes at the start of the input area
+    int32_t out_width;
+    int32_t out_height;
+    int32_t out_pix_fmt;
+};
+
+struct ExchangeAudioInit {
+    uint32_t request_type;
+    uint32_t media_type;
+    uint32_t codec_index;
+    int32_t in_sample_fmt;
+    int32_t in_channels;
+    int32_t in_sample_rate;
+    int32_t config_size;
+    int32_t out_sample_fmt;
+    int32_t out_channels;
+    int32_t out_sample_rate;  // 0 or less: 44100
+};
+
 struct ExchangeDataRequest {
     uint32_t request_type;
     uint32_t reserved;
@@ -74,10 +105,21 @@ struct ExchangeDataRequest {
     int64_t pts;
 };
 
-struct ExchangeResetRequest {
+// A reset context request: the new output, by the media type in use.
+struct ExchangeVideoReset {
     uint32_t request_type;
     uint32_t reserved;
-    int32_t param[3];
+    int32_t out_width;
+    int32_t out_height;
+    int32_t out_pix_fmt;
+};
+
+struct ExchangeAudioReset {
+    uint32_t request_type;
+    uint32_t reserved;
+    int32_t out_sample_fmt;
+    int32_t out_channels;
+    int32_t out_sample_rate;
 };
 
 struct ExchangeResult {
@@ -89,6 +131,14 @@ struct ExchangeResult {
 };
 
 static_assert(sizeof(ExchangeInitRequest) == 40, "init request is 40 bytes");
+static_assert(sizeof(ExchangeVideoInit) == 40 && sizeof(ExchangeAudioInit) == 40,
+              "the init views cover the init request");
+static_assert(offsetof(ExchangeVideoInit, coded_width) == REQ_PARAM_OFFSET &&
+                  offsetof(ExchangeAudioInit, in_sample_fmt) == REQ_PARAM_OFFSET,
+              "param1 at +12");
+static_assert(offsetof(ExchangeVideoReset, out_width) == REQ_RESET_PARAM_OFFSET &&
+                  offsetof(ExchangeAudioReset, out_sample_fmt) == REQ_RESET_PARAM_OFFSET,
+              "reset values at +8");
 static_assert(offsetof(ExchangeDataRequest, pts) == REQ_PTS_OFFSET, "pts at +16");
 static_assert(sizeof(ExchangeResult) == SHM_RESULT_SIZE, "result is 24 bytes");
 

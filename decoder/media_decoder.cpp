@@ -8,6 +8,7 @@
 
 #include "base/defer_action.h"
 #include "base/shm_guard.h"
+#include "decoder/ffmpeg_protocol.h"
 #include "decoder/media_decoder_internal.h"
 
 using namespace decoder_detail;
@@ -15,19 +16,6 @@ using namespace decoder_detail;
 MediaDecoder::hw_seam_t* MediaDecoder::hw_seam = nullptr;
 
 namespace {
-
-// Rows of the client's codec_index.
-const AVCodecID kVideoCodecs[VIDEO_CODEC_COUNT] = {
-    AV_CODEC_ID_MPEG4, AV_CODEC_ID_FLV1,       AV_CODEC_ID_H264, AV_CODEC_ID_H263,
-    AV_CODEC_ID_HEVC,  AV_CODEC_ID_MPEG2VIDEO, AV_CODEC_ID_RV40, AV_CODEC_ID_VC1,
-    AV_CODEC_ID_VP8,   AV_CODEC_ID_VP9,        AV_CODEC_ID_WMV2,
-};
-
-const AVCodecID kAudioCodecs[AUDIO_CODEC_COUNT] = {
-    AV_CODEC_ID_AAC,    AV_CODEC_ID_AC3,   AV_CODEC_ID_APE,  AV_CODEC_ID_DTS,
-    AV_CODEC_ID_FLAC,   AV_CODEC_ID_MP2,   AV_CODEC_ID_MP3,  AV_CODEC_ID_COOK,
-    AV_CODEC_ID_VORBIS, AV_CODEC_ID_WMAV2, AV_CODEC_ID_ALAC, AV_CODEC_ID_OPUS,
-};
 
 // A size from the client is usable only if it fits the input area.
 bool area_size_ok(int32_t size) {
@@ -128,7 +116,7 @@ MediaDecoder::~MediaDecoder() {
     if (worker && worker->joinable()) {
         worker->join();
     }
-    LOGD("ummapping shared memory");
+    LOGD("ummapping shared memory");  // sic: verbatim log text
     ShmGuard::remove(guard_slot);
     if (ashmem) {
         ashmem.reset();
@@ -248,32 +236,40 @@ bool MediaDecoder::check_block_lost() {
     return block_lost.load() != 0;
 }
 
+// The media type is taken before the codec row is looked up, so an unknown row still changes it.
+// Everything that fails here ends the worker once the request is answered.
 void MediaDecoder::init_codec() {
-    ExchangeInitRequest request;
-    memcpy(&request, request_header(), sizeof(request));
-    const int32_t* p = request.param;
-
-    switch (static_cast<int32_t>(request.media_type)) {
-        case MEDIA_TYPE_VIDEO:
+    switch (read_request<int32_t>(REQ_MEDIA_TYPE_OFFSET)) {
+        case MEDIA_TYPE_VIDEO: {
             media_type = MEDIA_TYPE_VIDEO;
-            if (request.codec_index >= static_cast<uint32_t>(VIDEO_CODEC_COUNT)) {
+            ExchangeVideoInit r;
+            memcpy(&r, request_header(), sizeof(r));
+            if (r.codec_index >= static_cast<uint32_t>(VIDEO_CODEC_COUNT)) {
                 LOGE("unknown video codec specified");
                 quit.store(1);
-            } else if (!init_video_codec_context(kVideoCodecs[request.codec_index], p[0], p[1],
-                                                 p[2], p[3], p[4], p[5], p[6])) {
+            } else if (!init_video_codec_context(table_codec_id(MEDIA_TYPE_VIDEO, r.codec_index),
+                                                 r.coded_width, r.coded_height, r.coded_pix_fmt,
+                                                 r.config_size, r.out_width, r.out_height,
+                                                 r.out_pix_fmt)) {
                 quit.store(1);
             }
             break;
-        case MEDIA_TYPE_AUDIO:
+        }
+        case MEDIA_TYPE_AUDIO: {
             media_type = MEDIA_TYPE_AUDIO;
-            if (request.codec_index >= static_cast<uint32_t>(AUDIO_CODEC_COUNT)) {
+            ExchangeAudioInit r;
+            memcpy(&r, request_header(), sizeof(r));
+            if (r.codec_index >= static_cast<uint32_t>(AUDIO_CODEC_COUNT)) {
                 LOGE("unknown audio codec specified");
                 quit.store(1);
-            } else if (!init_audio_codec_context(kAudioCodecs[request.codec_index], p[0], p[1],
-                                                 p[2], p[3], p[4], p[5], p[6])) {
+            } else if (!init_audio_codec_context(table_codec_id(MEDIA_TYPE_AUDIO, r.codec_index),
+                                                 r.in_sample_fmt, r.in_channels, r.in_sample_rate,
+                                                 r.config_size, r.out_sample_fmt, r.out_channels,
+                                                 r.out_sample_rate)) {
                 quit.store(1);
             }
             break;
+        }
         default:
             LOGW("unknown media type specified, initialization failed");
             quit.store(1);
@@ -386,38 +382,34 @@ void MediaDecoder::codec_config() {
     }
 }
 
+// Rebuilds the decoder of the media type in use for a new output, with the codec and the input
+// format it has (for audio, as last decoded) and no configuration bytes. The setup's own result
+// is not used: the result area ends up zero and the worker goes on serving. A state left without
+// a codec by an earlier failed setup has nothing to rebuild and is kept as it is.
+// Rebuilds the decoder of the media type in use for a new output, with the codec and the input
+// format it has (for audio, as last decoded) and no configuration bytes. The setup's own result
+// is not used: the result area ends up zero and the worker goes on serving. A state left without
+// a codec by an earlier failed setup has nothing to rebuild and is kept as it is.
 void MediaDecoder::reset_context() {
     LOGD("reset context");
-    ExchangeResetRequest request;
-    memcpy(&request, request_header(), sizeof(request));
-    const int32_t* p = request.param;
-
-    if (media_type == MEDIA_TYPE_VIDEO && video_ctx) {
-        std::unique_ptr<video_context_t> old = std::move(video_ctx);
-        // A state left by a failed setup has no codec to rebuild; keep it as it is.
-        if (!old->sw_codec_ctx) {
-            video_ctx = std::move(old);
-        } else {
-            AVCodecID codec_id = old->sw_codec_ctx->codec_id;
-            int width = old->width;
-            int height = old->height;
-            int pix_fmt = old->pix_fmt;
-            old.reset();
-            init_video_codec_context(codec_id, width, height, pix_fmt, 0, p[0], p[1], p[2]);
-        }
-    } else if (media_type == MEDIA_TYPE_AUDIO && audio_ctx) {
-        std::unique_ptr<audio_context_t> old = std::move(audio_ctx);
-        if (!old->codec_ctx) {
-            audio_ctx = std::move(old);
-        } else {
-            AVCodecID codec_id = old->codec_ctx->codec_id;
-            int in_sample_fmt = old->in_sample_fmt;
-            int in_channels = old->in_channels;
-            int in_sample_rate = old->in_sample_rate;
-            old.reset();
-            init_audio_codec_context(codec_id, in_sample_fmt, in_channels, in_sample_rate, 0, p[0],
-                                     p[1], p[2]);
-        }
+    if (media_type == MEDIA_TYPE_VIDEO && video_ctx && video_ctx->sw_codec_ctx) {
+        ExchangeVideoReset r;
+        memcpy(&r, request_header(), sizeof(r));
+        const AVCodecID codec_id = video_ctx->sw_codec_ctx->codec_id;
+        const int width = video_ctx->width, height = video_ctx->height;
+        const int pix_fmt = video_ctx->pix_fmt;
+        video_ctx.reset();
+        init_video_codec_context(codec_id, width, height, pix_fmt, 0, r.out_width, r.out_height,
+                                 r.out_pix_fmt);
+    } else if (media_type == MEDIA_TYPE_AUDIO && audio_ctx && audio_ctx->codec_ctx) {
+        ExchangeAudioReset r;
+        memcpy(&r, request_header(), sizeof(r));
+        const AVCodecID codec_id = audio_ctx->codec_ctx->codec_id;
+        const int sample_fmt = audio_ctx->in_sample_fmt, channels = audio_ctx->in_channels;
+        const int sample_rate = audio_ctx->in_sample_rate;
+        audio_ctx.reset();
+        init_audio_codec_context(codec_id, sample_fmt, channels, sample_rate, 0, r.out_sample_fmt,
+                                 r.out_channels, r.out_sample_rate);
     }
     clear_result();
 }

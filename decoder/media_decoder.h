@@ -138,10 +138,16 @@ class MediaDecoder {
     bool init_video_codec_context(AVCodecID codec_id, int width, int height, int pix_fmt,
                                   int extradata_size, int out_width, int out_height,
                                   int out_pix_fmt);
-    bool init_audio_codec_context(AVCodecID codec_id, int param1, int param2, int param3,
-                                  int param4, int param5, int param6, int param7);
+    bool init_audio_codec_context(AVCodecID codec_id, int in_sample_fmt, int in_channels,
+                                  int in_sample_rate, int extradata_size, int out_sample_fmt,
+                                  int out_channels, int out_sample_rate);
+    int update_resampler(audio_context_t& state, const AVFrame* frm);
     int decode_video(AVCodecContext* codec_ctx, AVPacket* packet, AVFrame* frame);
     int decode_audio(AVCodecContext* codec_ctx, AVPacket* packet, AVFrame* frame);
+    av_ptr<AVCodecContext> open_sw_video_context(const AVCodec* codec, const video_context_t& state,
+                                                 int extradata_size);
+    av_ptr<AVCodecContext> open_hw_candidate(const AVCodec* codec, AVHWDeviceType type, int width,
+                                             int height, int extradata_size);
     int hw_decoder_init(AVCodecContext* ctx, AVHWDeviceType type);
     int decode_with(AVCodecContext* ctx);
 

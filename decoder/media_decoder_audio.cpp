@@ -2,18 +2,15 @@
 #include <new>
 
 #include "base/defer_action.h"
+#include "decoder/ffmpeg_protocol.h"
 #include "decoder/media_decoder_internal.h"
 
 using namespace decoder_detail;
 
-namespace {
-
-constexpr int kDefaultOutSampleRate = 44100;
-
-}  // namespace
-
-bool MediaDecoder::init_audio_codec_context(AVCodecID codec_id, int param1, int param2, int param3,
-                                            int param4, int param5, int param6, int param7) {
+bool MediaDecoder::init_audio_codec_context(AVCodecID codec_id, int in_sample_fmt, int in_channels,
+                                            int in_sample_rate, int extradata_size,
+                                            int out_sample_fmt, int out_channels,
+                                            int out_sample_rate) {
     LOGD("init audio codec context");
     DeferAction failure([this] { write_failure(); });
 
@@ -26,14 +23,14 @@ bool MediaDecoder::init_audio_codec_context(AVCodecID codec_id, int param1, int 
         return false;
     }
     audio_context_t& state = *audio_ctx;
-    state.in_sample_rate = param3;
-    state.in_channels = param2;
-    state.in_channel_layout = ffcompat::default_channel_layout(param2);
-    state.in_sample_fmt = param1;
-    state.out_sample_rate = param7 > 0 ? param7 : kDefaultOutSampleRate;
-    state.out_channels = param6;
-    state.out_sample_fmt = param5;
-    state.out_channel_layout = ffcompat::default_channel_layout(param6);
+    state.in_sample_rate = in_sample_rate;
+    state.in_channels = in_channels;
+    state.in_channel_layout = ffcompat::default_channel_layout(in_channels);
+    state.in_sample_fmt = in_sample_fmt;
+    state.out_sample_rate = effective_out_sample_rate(out_sample_rate);
+    state.out_channels = out_channels;
+    state.out_sample_fmt = out_sample_fmt;
+    state.out_channel_layout = ffcompat::default_channel_layout(out_channels);
 
     const AVCodec* codec = avcodec_find_decoder(codec_id);
     if (codec == nullptr) {
@@ -46,12 +43,12 @@ bool MediaDecoder::init_audio_codec_context(AVCodecID codec_id, int param1, int 
         LOGE("audio codec context alloc failed");
         return false;
     }
-    ffcompat::set_context_channels(ctx.get(), param2);
-    ctx->sample_fmt = sample_format_from(param1);
-    if (param3 > 0) {
-        ctx->sample_rate = param3;
+    ffcompat::set_context_channels(ctx.get(), in_channels);
+    ctx->sample_fmt = sample_format_from(in_sample_fmt);
+    if (in_sample_rate > 0) {
+        ctx->sample_rate = in_sample_rate;
     }
-    if (param4 > 0 && !append_extradata(ctx.get(), param4)) {
+    if (extradata_size > 0 && !append_extradata(ctx.get(), extradata_size)) {
         return false;
     }
     int ret = avcodec_open2(ctx.get(), codec, nullptr);
@@ -80,6 +77,49 @@ bool MediaDecoder::init_audio_codec_context(AVCodecID codec_id, int param1, int 
     return true;
 }
 
+// Keeps the resampler while the decoded input format stays the same and builds a new one when it
+// changes; the state then records the new input format, which a reset rebuilds the decoder with.
+// A frame whose layout is missing or disagrees with its channel count is taken in the default
+// layout for that count.
+int MediaDecoder::update_resampler(audio_context_t& state, const AVFrame* frm) {
+    const uint64_t frame_layout = ffcompat::frame_channel_layout(frm);
+    const int frame_channels = ffcompat::frame_channels(frm);
+    const int n_in = ffcompat::layout_nb_channels(frame_layout);
+    int64_t layout = static_cast<int64_t>(frame_layout);
+    if (frame_layout == 0 || n_in != frame_channels) {
+        layout = ffcompat::default_channel_layout(frame_channels);
+    }
+    if (state.swr_ctx && state.in_channels == n_in && state.in_channel_layout == layout &&
+        state.in_sample_rate == frm->sample_rate && state.in_sample_fmt == frm->format) {
+        return 0;
+    }
+    state.swr_ctx.reset();
+    state.in_sample_rate = frm->sample_rate;
+    state.in_channels = n_in;
+    state.in_channel_layout = layout;
+    state.in_sample_fmt = frm->format;
+
+    av_ptr<SwrContext> swr(ffcompat::alloc_resampler(
+                               state.out_channel_layout, sample_format_from(state.out_sample_fmt),
+                               state.out_sample_rate, layout,
+                               static_cast<AVSampleFormat>(frm->format), frm->sample_rate),
+                           [](SwrContext* s) {
+                               LOGD("freeing SW resample context");
+                               swr_free(&s);
+                           });
+    if (!swr) {
+        LOGE("resample context alloc failed");
+        return AVERROR(ENOMEM);
+    }
+    int ret = swr_init(swr.get());
+    if (ret < 0) {
+        LOGE("resample context init failed");
+        return ret;
+    }
+    state.swr_ctx = std::move(swr);
+    return 0;
+}
+
 int MediaDecoder::decode_audio(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame* frm) {
     LOGD("decoding audio frame");
     DeferAction failure([this] { write_failure(); });
@@ -103,43 +143,9 @@ int MediaDecoder::decode_audio(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame
     }
 
     audio_context_t& state = *audio_ctx;
-    const uint64_t frame_layout = ffcompat::frame_channel_layout(frm);
-    const int frame_channels = ffcompat::frame_channels(frm);
-    const int n_in = ffcompat::layout_nb_channels(frame_layout);
-    int64_t layout = static_cast<int64_t>(frame_layout);
-    if (frame_layout == 0 || n_in != frame_channels) {
-        layout = ffcompat::default_channel_layout(frame_channels);
-    }
-
-    const bool reusable =
-        state.swr_ctx && state.in_channels == n_in && state.in_channel_layout == layout &&
-        state.in_sample_rate == frm->sample_rate && state.in_sample_fmt == frm->format;
-    if (!reusable) {
-        state.swr_ctx.reset();
-        state.in_sample_rate = frm->sample_rate;
-        state.in_channels = n_in;
-        state.in_channel_layout = layout;
-        state.in_sample_fmt = frm->format;
-
-        av_ptr<SwrContext> swr(
-            ffcompat::alloc_resampler(state.out_channel_layout,
-                                      sample_format_from(state.out_sample_fmt),
-                                      state.out_sample_rate, layout,
-                                      static_cast<AVSampleFormat>(frm->format), frm->sample_rate),
-            [](SwrContext* s) {
-                LOGD("freeing SW resample context");
-                swr_free(&s);
-            });
-        if (!swr) {
-            LOGE("resample context alloc failed");
-            return AVERROR(ENOMEM);
-        }
-        ret = swr_init(swr.get());
-        if (ret < 0) {
-            LOGE("resample context init failed");
-            return ret;
-        }
-        state.swr_ctx = std::move(swr);
+    ret = update_resampler(state, frm);
+    if (ret < 0) {
+        return ret;
     }
 
     auto** planes = static_cast<uint8_t**>(av_calloc(state.out_channels, sizeof(uint8_t*)));

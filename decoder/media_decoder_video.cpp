@@ -7,18 +7,13 @@
 #include <new>
 
 #include "base/defer_action.h"
+#include "decoder/ffmpeg_protocol.h"
 #include "decoder/media_decoder_internal.h"
 #include "decoder/packed_picture.h"
 
 using namespace decoder_detail;
 
 namespace {
-
-// Hardware device types, in the order their contexts are tried.
-const char* const kHwDeviceTypes[] = {"vdpau", "cuda", "vaapi"};
-
-// Output pixel formats beyond the FFmpeg 4 enumeration (and negative values) mean YUV420P.
-constexpr uint32_t kPixFmtLimit = 187;
 
 const char* device_type_name(AVHWDeviceType type) {
     const char* name = av_hwdevice_get_type_name(type);
@@ -38,6 +33,7 @@ bool MediaDecoder::init_video_codec_context(AVCodecID codec_id, int width, int h
     LOGD("init video codec context");
     DeferAction failure([this] { write_failure(); });
 
+    // The earlier state goes first, so that its release is logged before the new objects.
     {
         std::unique_ptr<video_context_t> previous = std::move(video_ctx);
         video_ctx.reset(new (std::nothrow) video_context_t());
@@ -52,33 +48,17 @@ bool MediaDecoder::init_video_codec_context(AVCodecID codec_id, int width, int h
     state.pix_fmt = pix_fmt;
     state.out_width = out_width;
     state.out_height = out_height;
-    state.out_pix_fmt =
-        static_cast<uint32_t>(out_pix_fmt) >= kPixFmtLimit ? AV_PIX_FMT_YUV420P : out_pix_fmt;
+    state.out_pix_fmt = effective_out_pix_fmt(out_pix_fmt);
 
     const AVCodec* codec = avcodec_find_decoder(codec_id);
     if (codec == nullptr) {
         LOGE("video codec not found");
         return false;
     }
-
-    av_ptr<AVCodecContext> sw_ctx =
-        own_codec_context(avcodec_alloc_context3(codec), "freeing video decoder context");
+    av_ptr<AVCodecContext> sw_ctx = open_sw_video_context(codec, state, extradata_size);
     if (!sw_ctx) {
-        LOGE("codec context alloc failed");
         return false;
     }
-    sw_ctx->codec_type = AVMEDIA_TYPE_VIDEO;
-    sw_ctx->width = width;
-    sw_ctx->height = height;
-    sw_ctx->pix_fmt = pixel_format_from(pix_fmt);
-    if (extradata_size > 0 && !append_extradata(sw_ctx.get(), extradata_size)) {
-        return false;
-    }
-    if (avcodec_open2(sw_ctx.get(), codec, nullptr) < 0) {
-        LOGE("video decoder open failed");
-        return false;
-    }
-
     av_ptr<AVPacket> new_packet = own_packet(av_packet_alloc(), "freeing video packet");
     if (!new_packet) {
         LOGE("video packet alloc failed");
@@ -89,67 +69,87 @@ bool MediaDecoder::init_video_codec_context(AVCodecID codec_id, int width, int h
         LOGE("video frame alloc failed");
         return false;
     }
-
-    std::vector<av_ptr<AVCodecContext>> candidates;
-    for (const char* name : kHwDeviceTypes) {
-        AVHWDeviceType type = av_hwdevice_find_type_by_name(name);
-
-        int hw_pix_fmt = AV_PIX_FMT_NONE;
-        for (int i = 0;; ++i) {
-            const AVCodecHWConfig* config = avcodec_get_hw_config(codec, i);
-            if (config == nullptr) {
-                break;
-            }
-            if ((config->methods & AV_CODEC_HW_CONFIG_METHOD_HW_DEVICE_CTX) &&
-                config->device_type == type) {
-                hw_pix_fmt = config->pix_fmt;
-                LOGD("hw pix fmt: %s", pix_fmt_name(hw_pix_fmt));
-                break;
-            }
+    // A device type whose candidate cannot be made is left out; the software context decodes
+    // whatever no candidate takes.
+    for (const char* name : HW_DEVICE_TYPES) {
+        av_ptr<AVCodecContext> candidate = open_hw_candidate(
+            codec, av_hwdevice_find_type_by_name(name), width, height, extradata_size);
+        if (candidate) {
+            state.hw_codec_candidates.push_back(std::move(candidate));
         }
-        if (hw_pix_fmt == AV_PIX_FMT_NONE) {
-            LOGE("decoder %s does not support device type %s", codec->name, device_type_name(type));
-        }
-
-        av_ptr<AVCodecContext> hw_ctx = own_hw_codec_context(avcodec_alloc_context3(codec));
-        if (!hw_ctx) {
-            LOGE("codec context alloc failed");
-            continue;
-        }
-        hw_ctx->codec_type = AVMEDIA_TYPE_VIDEO;
-        hw_ctx->width = width;
-        hw_ctx->height = height;
-        auto* user_data = new (std::nothrow) hw_user_data_t();
-        if (user_data != nullptr) {
-            user_data->hw_pix_fmt = hw_pix_fmt;
-        }
-        hw_ctx->opaque = user_data;
-        hw_ctx->get_format = &MediaDecoder::get_hw_format;
-        if (extradata_size > 0 && !append_extradata(hw_ctx.get(), extradata_size)) {
-            continue;
-        }
-        if (hw_decoder_init(hw_ctx.get(), type) < 0) {
-            LOGE("failed to initialize HW decoder");
-            continue;
-        }
-        int ret = avcodec_open2(hw_ctx.get(), codec, nullptr);
-        if (ret < 0) {
-            LOGE("failed to open codec: %s", AvErrorText(ret).text);
-            continue;
-        }
-        candidates.push_back(std::move(hw_ctx));
     }
 
     state.sw_codec_ctx = std::move(sw_ctx);
-    for (auto& candidate : candidates) {
-        state.hw_codec_candidates.push_back(std::move(candidate));
-    }
     packet = std::move(new_packet);
     frame = std::move(new_frame);
-
     clear_result();
     failure.cancel();
     return true;
+}
+
+MediaDecoder::av_ptr<AVCodecContext> MediaDecoder::open_sw_video_context(
+    const AVCodec* codec, const video_context_t& state, int extradata_size) {
+    av_ptr<AVCodecContext> ctx =
+        own_codec_context(avcodec_alloc_context3(codec), "freeing video decoder context");
+    if (!ctx) {
+        LOGE("codec context alloc failed");
+        return nullptr;
+    }
+    ctx->codec_type = AVMEDIA_TYPE_VIDEO;
+    ctx->width = state.width;
+    ctx->height = state.height;
+    ctx->pix_fmt = pixel_format_from(state.pix_fmt);
+    if (extradata_size > 0 && !append_extradata(ctx.get(), extradata_size)) {
+        return nullptr;
+    }
+    if (avcodec_open2(ctx.get(), codec, nullptr) < 0) {
+        LOGE("video decoder open failed");
+        return nullptr;
+    }
+    return ctx;
+}
+
+// One hardware candidate: a context of the same codec with a device of `type` and the surface
+// format it decodes into in its user data, for get_hw_format and the transfer after decoding. A
+// decoder without a configuration for the type still gets its candidate (which then never
+// decodes), as long as the device opens.
+MediaDecoder::av_ptr<AVCodecContext> MediaDecoder::open_hw_candidate(const AVCodec* codec,
+                                                                     AVHWDeviceType type, int width,
+                                                                     int height,
+                                                                     int extradata_size) {
+    const AVPixelFormat hw_pix_fmt = hw_surface_format(codec, type);
+    if (hw_pix_fmt == AV_PIX_FMT_NONE) {
+        LOGE("decoder %s does not support device type %s", codec->name, device_type_name(type));
+    } else {
+        LOGD("hw pix fmt: %s", pix_fmt_name(hw_pix_fmt));
+    }
+    av_ptr<AVCodecContext> ctx = own_hw_codec_context(avcodec_alloc_context3(codec));
+    if (!ctx) {
+        LOGE("codec context alloc failed");
+        return nullptr;
+    }
+    ctx->codec_type = AVMEDIA_TYPE_VIDEO;
+    ctx->width = width;
+    ctx->height = height;
+    auto* user_data = new (std::nothrow) hw_user_data_t();
+    if (user_data != nullptr) {
+        user_data->hw_pix_fmt = hw_pix_fmt;
+    }
+    ctx->opaque = user_data;
+    ctx->get_format = &MediaDecoder::get_hw_format;
+    if (extradata_size > 0 && !append_extradata(ctx.get(), extradata_size)) {
+        return nullptr;
+    }
+    if (hw_decoder_init(ctx.get(), type) < 0) {
+        LOGE("failed to initialize HW decoder");
+        return nullptr;
+    }
+    int ret = avcodec_open2(ctx.get(), codec, nullptr);
+    if (ret < 0) {
+        LOGE("failed to open codec: %s", AvErrorText(ret).text);
+        return nullptr;
+    }
+    return ctx;
 }
 
 int MediaDecoder::hw_decoder_init(AVCodecContext* ctx, AVHWDeviceType type) {
@@ -306,7 +306,7 @@ int MediaDecoder::decode_video(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame
                              static_cast<AVPixelFormat>(source->format), state.out_width,
                              state.out_height, out_format, SWS_BILINEAR, nullptr, nullptr, nullptr);
     if (sws == nullptr) {
-        LOGE("cannot initialize convertion context");
+        LOGE("cannot initialize convertion context");  // sic: verbatim log text
         return AVERROR(ENOMEM);
     }
     state.sws_ctx = av_ptr<SwsContext>(sws, [](SwsContext* s) {

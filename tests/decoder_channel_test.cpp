@@ -288,7 +288,7 @@ TEST_P(OutputClearTest, PastThePictureTheAreaReadsZero) {
 
     ASSERT_NO_FATAL_FAILURE(expect_picture_then_zeros(client, *clip, 320 * 240 * 3 / 2));
     // A smaller picture after a larger one: the larger one's bytes must not show behind it.
-    ASSERT_EQ(client.reset(160, 120, 0, kWaitMs), ClientError::kOk);
+    ASSERT_EQ(client.reset_video(160, 120, 0, kWaitMs), ClientError::kOk);
     ASSERT_NO_FATAL_FAILURE(expect_picture_then_zeros(client, *clip, 160 * 120 * 3 / 2));
 }
 

@@ -497,7 +497,7 @@ TEST(LeakRun, EveryRequestAndFailurePathThenOrderlyStop) {
                   ClientError::kOk);
         EXPECT_GT(decode_small(video, 0, 12), 0);
         EXPECT_EQ(video.flush(kWaitMs), ClientError::kOk);
-        EXPECT_EQ(video.reset(80, 60, AV_PIX_FMT_RGBA, kWaitMs), ClientError::kOk);
+        EXPECT_EQ(video.reset_video(80, 60, AV_PIX_FMT_RGBA, kWaitMs), ClientError::kOk);
         ExchangeResult r{};
         for (int32_t bad : {0, -1, static_cast<int32_t>(SHM_AREA_SIZE) + 1}) {
             ASSERT_EQ(video.write_decode_frame(nullptr, 0, 0), ClientError::kOk);
@@ -511,7 +511,7 @@ TEST(LeakRun, EveryRequestAndFailurePathThenOrderlyStop) {
         EXPECT_EQ(video.destroy(kWaitMs), ClientError::kOk);
         EXPECT_EQ(video.destroy(kWaitMs), ClientError::kOk);
         EXPECT_EQ(video.decode_frame("x", 1, 0, &r, kWaitMs), ClientError::kOk);
-        EXPECT_EQ(video.reset(80, 60, AV_PIX_FMT_RGBA, kWaitMs), ClientError::kOk);
+        EXPECT_EQ(video.reset_video(80, 60, AV_PIX_FMT_RGBA, kWaitMs), ClientError::kOk);
         EXPECT_EQ(video.flush(kWaitMs), ClientError::kOk);
         EXPECT_EQ(video.codec_config("abc", 3, kWaitMs), ClientError::kOk);
 
@@ -534,7 +534,8 @@ TEST(LeakRun, EveryRequestAndFailurePathThenOrderlyStop) {
             ASSERT_EQ(audio.decode_frame(p.data.data(), p.data.size(), p.pts, &r, kWaitMs),
                       ClientError::kOk);
             if (i == aac->packets.size() / 2) {
-                EXPECT_EQ(audio.reset(AV_SAMPLE_FMT_S16, 2, 48000, kWaitMs), ClientError::kOk);
+                EXPECT_EQ(audio.reset_audio(AV_SAMPLE_FMT_S16, 2, 48000, kWaitMs),
+                          ClientError::kOk);
             }
         }
         EXPECT_EQ(audio.codec_config(aac->extradata.data(), aac->extradata.size(), kWaitMs),

@@ -274,7 +274,7 @@ int run_client(const std::string& socket_path, const std::vector<Stream>& stream
             if (d.is_video && rng() % 2 == 0) {
                 out = rng() % 2 == 0 ? Output{d.width / 2, d.height / 2, AV_PIX_FMT_RGBA}
                                      : Output{d.width, d.height, AV_PIX_FMT_YUV420P};
-                if (client.reset(out.a, out.b, out.c, kSyncTimeoutMs) != ClientError::kOk) {
+                if (client.reset_video(out.a, out.b, out.c, kSyncTimeoutMs) != ClientError::kOk) {
                     fail("reset");
                     return 1;
                 }

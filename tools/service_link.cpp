@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "client/media_client.h"
+#include "decoder/exchange_block.h"
 
 extern char** environ;
 
@@ -24,7 +25,7 @@ namespace mediatools {
 
 namespace {
 
-const char kSocketSuffix[] = "/vessa/sockets/media-service.socket";
+const std::string kSocketSuffix = SOCKET_PATH_IN_RUNTIME_DIR;
 
 bool executable(const std::string& path) {
     struct stat st;
@@ -130,7 +131,7 @@ bool start_service(const std::string& socket_path, const std::string& binary_arg
         return false;
     }
     const std::string runtime_dir =
-        socket_path.substr(0, socket_path.size() - (sizeof(kSocketSuffix) - 1));
+        socket_path.substr(0, socket_path.size() - kSocketSuffix.size());
     const std::string socket_dir = socket_path.substr(0, socket_path.rfind('/'));
     if (!make_dirs(socket_dir)) {
         *error = "cannot create " + socket_dir + ": " + strerror(errno);

@@ -16,6 +16,7 @@
 
 #include <gtest/gtest.h>
 
+#include "decoder/exchange_block.h"
 #include "support/test_util.h"
 
 extern char** environ;
@@ -25,7 +26,6 @@ namespace {
 constexpr int kStartTimeoutMs = 10000;
 // Generous: a sanitizer build checks the whole heap for leaks at exit.
 constexpr int kStopTimeoutMs = 30000;
-constexpr const char* kSocketTail = "/vessa/sockets/media-service.socket";
 
 bool poll_until(int timeout_ms, const std::function<bool()>& done) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
@@ -102,12 +102,12 @@ void DaemonProcess::stop_in_order() {
 std::string DaemonProcess::socket_path() const {
     auto it = options_.env.find("XDG_RUNTIME_DIR");
     if (it != options_.env.end()) {
-        return it->second + kSocketTail;
+        return it->second + SOCKET_PATH_IN_RUNTIME_DIR;
     }
     if (options_.unset_xdg_runtime_dir) {
-        return "/run/user/" + std::to_string(geteuid()) + kSocketTail;
+        return "/run/user/" + std::to_string(geteuid()) + SOCKET_PATH_IN_RUNTIME_DIR;
     }
-    return runtime_dir_ + kSocketTail;
+    return runtime_dir_ + SOCKET_PATH_IN_RUNTIME_DIR;
 }
 
 bool DaemonProcess::start() {

@@ -79,11 +79,7 @@ void DecoderHarness::write_codec_config(const void* data, int32_t size) {
 }
 
 void DecoderHarness::write_reset(int32_t a, int32_t b, int32_t c) {
-    ExchangeResetRequest request{};
-    request.request_type = REQUEST_RESET_CONTEXT;
-    request.param[0] = a;
-    request.param[1] = b;
-    request.param[2] = c;
+    ExchangeVideoReset request{REQUEST_RESET_CONTEXT, 0, a, b, c};
     memcpy(block_, &request, sizeof(request));
 }
 
