@@ -9,6 +9,9 @@
 #include <cstdio>
 #include <cstring>
 
+// The lines this class writes to standard error are verbatim, leftovers included: the source line
+// numbers of the original and the ioctl requests as their macros expand. Tools match them.
+
 // The Linux ashmem driver's requests (ioctl magic 0x77).
 #define ASHMEM_SET_SIZE _IOW(0x77, 3, size_t)
 #define ASHMEM_GET_SIZE _IO(0x77, 4)

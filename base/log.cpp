@@ -102,6 +102,8 @@ void SvcLogWrite(int level, const char* module, const char* file, int line, cons
     }
 }
 
+// The switch messages are verbatim (Chinese in the original): "switching the log file failed"
+// and "log file switched: <destination>".
 void SvcLogFile(const char* path) {
     std::lock_guard<std::mutex> lock(log_mutex);
     stream_kind.store(kUnknown, std::memory_order_relaxed);

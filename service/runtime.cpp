@@ -11,11 +11,11 @@
 #include <string>
 
 #include "base/log.h"
+#include "decoder/exchange_block.h"
 
 namespace {
 
 constexpr size_t SOCKET_PATH_SIZE = 4096;
-constexpr const char* SOCKET_NAME = "media-service.socket";
 
 }  // namespace
 
@@ -39,14 +39,14 @@ Runtime::Runtime() {
     char path[SOCKET_PATH_SIZE] = {};
     const char* runtime_dir = getenv("XDG_RUNTIME_DIR");
     if (runtime_dir != nullptr) {
-        snprintf(path, sizeof(path), "%s/vessa/sockets/%s", runtime_dir, SOCKET_NAME);
+        snprintf(path, sizeof(path), "%s%s", runtime_dir, SOCKET_PATH_IN_RUNTIME_DIR);
     } else {
-        snprintf(path, sizeof(path), "/run/user/%u/vessa/sockets/%s", geteuid(), SOCKET_NAME);
+        snprintf(path, sizeof(path), "/run/user/%u%s", geteuid(), SOCKET_PATH_IN_RUNTIME_DIR);
     }
 
     media_server.reset(new MediaServer(std::string(path)));
     media_server->on_media_server_stopped([this] {
-        LOGD("media server stopped, now quiting...");
+        LOGD("media server stopped, now quiting...");  // sic: verbatim log text
         ev_break(*loop, EVBREAK_ONE);
     });
 }

@@ -18,6 +18,7 @@ class Runtime {
 
     // Runs the loop until a stop request breaks it.
     void run();
+    // Spelled "singal": the name is part of the service's documented interface.
     void on_singal_event(ev::sig& watcher, int revents);
 
     std::unique_ptr<ev::default_loop> loop;
