@@ -2,26 +2,11 @@
 
 #include <unistd.h>
 
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavutil/hwcontext.h>
-#include <libavutil/pixdesc.h>
-}
-
-#include "decoder/exchange_block.h"
+#include "decoder/ffmpeg_protocol.h"
 
 namespace mediatools {
 
 namespace {
-
-// The device types the service tries, in its order.
-const char* const kServiceDeviceTypes[] = {"vdpau", "cuda", "vaapi"};
-
-// FFmpeg codec ids of the table rows (exchange_block.h names them for clients without FFmpeg).
-AVCodecID codec_id_for(const char* name) {
-    const AVCodecDescriptor* desc = avcodec_descriptor_get_by_name(name);
-    return desc != nullptr ? desc->id : AV_CODEC_ID_NONE;
-}
 
 std::string av_error(int err) {
     char text[AV_ERROR_MAX_STRING_SIZE] = {};
@@ -68,7 +53,7 @@ ProbeReport probe_host() {
     av_log_set_level(AV_LOG_QUIET);
 
     std::vector<AVBufferRef*> devices;
-    for (const char* name : kServiceDeviceTypes) {
+    for (const char* name : HW_DEVICE_TYPES) {
         DeviceProbe probe;
         probe.name = name;
         AVHWDeviceType type = av_hwdevice_find_type_by_name(name);
@@ -91,7 +76,7 @@ ProbeReport probe_host() {
          t != AV_HWDEVICE_TYPE_NONE; t = av_hwdevice_iterate_types(t)) {
         std::string name = av_hwdevice_get_type_name(t);
         bool used = false;
-        for (const char* s : kServiceDeviceTypes) {
+        for (const char* s : HW_DEVICE_TYPES) {
             used = used || name == s;
         }
         if (!used) {
@@ -103,7 +88,7 @@ ProbeReport probe_host() {
         CodecProbe codec;
         codec.index = i;
         codec.name = VIDEO_CODEC_NAMES[i];
-        const AVCodec* decoder = avcodec_find_decoder(codec_id_for(VIDEO_CODEC_NAMES[i]));
+        const AVCodec* decoder = avcodec_find_decoder(table_codec_id(MEDIA_TYPE_VIDEO, i));
         codec.have_decoder = decoder != nullptr;
         codec.decoder_name = decoder != nullptr ? decoder->name : "";
         for (size_t d = 0; d < report.devices.size(); ++d) {
@@ -111,18 +96,11 @@ ProbeReport probe_host() {
             CandidateState state = CandidateState::kNoDevice;
             std::string surface;
             if (decoder != nullptr && device.known) {
-                AVHWDeviceType type = av_hwdevice_find_type_by_name(device.name.c_str());
-                for (int c = 0;; ++c) {
-                    const AVCodecHWConfig* config = avcodec_get_hw_config(decoder, c);
-                    if (config == nullptr) {
-                        break;
-                    }
-                    if ((config->methods & AV_CODEC_HW_CONFIG_METHOD_HW_DEVICE_CTX) &&
-                        config->device_type == type) {
-                        const char* fmt = av_get_pix_fmt_name(config->pix_fmt);
-                        surface = fmt != nullptr ? fmt : "?";
-                        break;
-                    }
+                const AVPixelFormat format =
+                    hw_surface_format(decoder, av_hwdevice_find_type_by_name(device.name.c_str()));
+                if (format != AV_PIX_FMT_NONE) {
+                    const char* name = av_get_pix_fmt_name(format);
+                    surface = name != nullptr ? name : "?";
                 }
             }
             if (decoder != nullptr && surface.empty()) {
@@ -150,7 +128,7 @@ ProbeReport probe_host() {
         CodecProbe codec;
         codec.index = i;
         codec.name = AUDIO_CODEC_NAMES[i];
-        const AVCodec* decoder = avcodec_find_decoder(codec_id_for(AUDIO_CODEC_NAMES[i]));
+        const AVCodec* decoder = avcodec_find_decoder(table_codec_id(MEDIA_TYPE_AUDIO, i));
         codec.have_decoder = decoder != nullptr;
         codec.decoder_name = decoder != nullptr ? decoder->name : "";
         report.audio.push_back(codec);
