@@ -223,12 +223,7 @@ void set_affinity(pid_t pid, const cpu_set_t& cpus) {
     closedir(d);
 }
 
-struct Clip {
-    StreamInfo info;
-    std::vector<Packet> packets;
-};
-
-void init_video(mediaclient::DecoderClient& client, const Clip& clip, int pix_fmt) {
+void init_video(mediaclient::DecoderClient& client, const Stream& clip, int pix_fmt) {
     mediaclient::VideoInitParams p;
     p.coded_width = clip.info.width;
     p.coded_height = clip.info.height;
@@ -246,7 +241,7 @@ void init_video(mediaclient::DecoderClient& client, const Clip& clip, int pix_fm
 }
 
 // Decodes `count` packets through the service; returns the pictures delivered.
-long service_video_pass(mediaclient::DecoderClient& client, const Clip& clip, size_t count) {
+long service_video_pass(mediaclient::DecoderClient& client, const Stream& clip, size_t count) {
     long outputs = 0;
     ExchangeResult r{};
     for (size_t i = 0; i < count && i < clip.packets.size(); ++i) {
@@ -257,7 +252,7 @@ long service_video_pass(mediaclient::DecoderClient& client, const Clip& clip, si
     return outputs;
 }
 
-void open_local(LocalVideoDecoder& decoder, const Clip& clip, int pix_fmt,
+void open_local(LocalVideoDecoder& decoder, const Stream& clip, int pix_fmt,
                 LocalVideoDecoder::Output mode) {
     std::string error;
     if (!decoder.open(clip.info, clip.info.width, clip.info.height, pix_fmt, mode, &error)) {
@@ -315,7 +310,7 @@ std::string verdict(bool met, const std::string& target) {
 
 // ---- the measurements ----
 
-void bench_memory(Service& s, const Clip& clip) {
+void bench_memory(Service& s, const Stream& clip) {
     const int kClients = 4;
     Rss idle = read_rss(s.pid);
     rows.push_back(
@@ -553,7 +548,7 @@ void race(std::vector<Contender*> contenders, size_t total, size_t slice, int ru
     }
 }
 
-Contender service_video(Service& s, mediaclient::DecoderClient& client, const Clip& clip,
+Contender service_video(Service& s, mediaclient::DecoderClient& client, const Stream& clip,
                         int pix_fmt) {
     Contender c;
     c.reset = [&client, &clip, pix_fmt] { init_video(client, clip, pix_fmt); };
@@ -572,7 +567,7 @@ Contender service_video(Service& s, mediaclient::DecoderClient& client, const Cl
     return c;
 }
 
-Contender local_video(std::unique_ptr<LocalVideoDecoder>& decoder, const Clip& clip, int pix_fmt,
+Contender local_video(std::unique_ptr<LocalVideoDecoder>& decoder, const Stream& clip, int pix_fmt,
                       LocalVideoDecoder::Output mode) {
     Contender c;
     c.reset = [&decoder, &clip, pix_fmt, mode] {
@@ -592,7 +587,7 @@ Contender local_video(std::unique_ptr<LocalVideoDecoder>& decoder, const Clip& c
     return c;
 }
 
-void bench_video(Service& s, const Clip& clip, int runs) {
+void bench_video(Service& s, const Stream& clip, int runs) {
     for (int pix_fmt : {static_cast<int>(AV_PIX_FMT_YUV420P), static_cast<int>(AV_PIX_FMT_RGBA)}) {
         const char* name = av_get_pix_fmt_name(static_cast<AVPixelFormat>(pix_fmt));
         mediaclient::DecoderClient client;
@@ -704,7 +699,7 @@ struct Level {
     Contender contender;
 };
 
-void make_level(Level* level, Service* s, const Clip& clip, int n) {
+void make_level(Level* level, Service* s, const Stream& clip, int n) {
     const int pix_fmt = AV_PIX_FMT_YUV420P;
     for (int i = 0; i < n; ++i) {
         if (s != nullptr) {
@@ -753,7 +748,7 @@ void make_level(Level* level, Service* s, const Clip& clip, int n) {
     c.run = [level](size_t from, size_t to) { return level->team->run(from, to); };
 }
 
-void bench_concurrency(Service& s, const Clip& clip, size_t packets, int runs) {
+void bench_concurrency(Service& s, const Stream& clip, size_t packets, int runs) {
     const int counts[] = {1, 2, 4, 8};
     Level service[4], local[4];
     std::vector<Contender*> contenders;
@@ -791,7 +786,7 @@ void bench_concurrency(Service& s, const Clip& clip, size_t packets, int runs) {
                     "", ""});
 }
 
-void bench_audio(Service& s, const Clip& clip, int runs) {
+void bench_audio(Service& s, const Stream& clip, int runs) {
     const int out_fmt = AV_SAMPLE_FMT_S16, out_channels = 2, out_rate = 44100;
     mediaclient::DecoderClient client;
     check(client.connect_posix(s.socket), "decoder client");
@@ -940,10 +935,10 @@ int main(int argc, char** argv) {
     // The service daemonises; as subreaper this process becomes its parent and can reap it.
     prctl(PR_SET_CHILD_SUBREAPER, 1);
 
-    Clip video, audio;
+    Stream video, audio;
     std::string error;
-    if (!load_stream(opt.video, true, 0, &video.info, &video.packets, &error) ||
-        !load_stream(opt.audio, false, 0, &audio.info, &audio.packets, &error)) {
+    if (!load_stream(opt.video, true, 0, &video, &error) ||
+        !load_stream(opt.audio, false, 0, &audio, &error)) {
         die("%s", error.c_str());
     }
     if (video_codec_index(video.info.codec_name) < 0 ||

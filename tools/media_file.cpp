@@ -18,6 +18,9 @@ std::string av_error(int err) {
     return text;
 }
 
+// Packet keeps the container's timestamps as they are, and says INT64_MIN for an unknown one.
+static_assert(AV_NOPTS_VALUE == INT64_MIN, "FFmpeg's unknown timestamp is INT64_MIN");
+
 AVMediaType kind(bool video) {
     return video ? AVMEDIA_TYPE_VIDEO : AVMEDIA_TYPE_AUDIO;
 }
@@ -97,6 +100,8 @@ bool MediaFile::select(bool video, int n, StreamInfo* info, std::string* error) 
         } else if (fmt_->duration > 0) {
             info->duration_us = fmt_->duration;
         }
+        info->time_base_num = st->time_base.num;
+        info->time_base_den = st->time_base.den;
         return true;
     }
     if (seen == 0) {
@@ -124,6 +129,8 @@ bool MediaFile::next(Packet* packet) {
         }
         const AVStream* st = fmt_->streams[selected_];
         packet->data.assign(pkt_->data, pkt_->data + pkt_->size);
+        packet->pts = pkt_->pts;
+        packet->dts = pkt_->dts;
         packet->pts_us = pkt_->pts == AV_NOPTS_VALUE
                              ? INT64_MIN
                              : av_rescale_q(pkt_->pts, st->time_base, AV_TIME_BASE_Q);
@@ -133,16 +140,15 @@ bool MediaFile::next(Packet* packet) {
     }
 }
 
-bool load_stream(const std::string& path, bool video, int n, StreamInfo* info,
-                 std::vector<Packet>* packets, std::string* error) {
+bool load_stream(const std::string& path, bool video, int n, Stream* stream, std::string* error) {
     MediaFile file;
-    if (!file.open(path, error) || !file.select(video, n, info, error)) {
+    if (!file.open(path, error) || !file.select(video, n, &stream->info, error)) {
         return false;
     }
-    packets->clear();
+    stream->packets.clear();
     Packet packet;
     while (file.next(&packet)) {
-        packets->push_back(std::move(packet));
+        stream->packets.push_back(std::move(packet));
         packet = Packet();
     }
     if (file.read_error()) {

@@ -1,7 +1,7 @@
 #pragma once
 
-// Demuxing for the command-line tools and the benchmarks: opens a media file with libavformat,
-// selects one audio or video stream, and reads its packets.
+// The project's one demuxer, for the tools, the benchmarks and the tests: opens a media file with
+// libavformat, selects one audio or video stream, and reads its packets.
 
 #include <cstdint>
 #include <string>
@@ -22,13 +22,22 @@ struct StreamInfo {
     int sample_rate = 0, channels = 0, sample_fmt = -1;  // audio
     int frame_size = 0;                                  // audio samples per frame, 0 if unknown
     std::vector<uint8_t> extradata;
-    int64_t duration_us = 0;  // of the stream, or of the file; 0 when unknown
+    int64_t duration_us = 0;                   // of the stream, or of the file; 0 when unknown
+    int time_base_num = 1, time_base_den = 1;  // of the packets' pts and dts
 };
 
+// Timestamps unknown to the container are INT64_MIN (FFmpeg's AV_NOPTS_VALUE) in every field.
 struct Packet {
     std::vector<uint8_t> data;
-    int64_t pts_us = INT64_MIN;  // presentation time in microseconds; INT64_MIN when unknown
-    int64_t pos = -1;            // byte position in the file, -1 when unknown
+    int64_t pts = INT64_MIN, dts = INT64_MIN;  // in the stream's time base
+    int64_t pts_us = INT64_MIN;                // pts in microseconds
+    int64_t pos = -1;                          // byte position in the file, -1 when unknown
+};
+
+// A stream read whole into memory.
+struct Stream {
+    StreamInfo info;
+    std::vector<Packet> packets;
 };
 
 class MediaFile {
@@ -57,9 +66,8 @@ class MediaFile {
     bool read_error_ = false;
 };
 
-// Reads every packet of the n-th stream of a kind into memory (benchmarks).
-bool load_stream(const std::string& path, bool video, int n, StreamInfo* info,
-                 std::vector<Packet>* packets, std::string* error);
+// Reads every packet of the n-th stream of a kind into memory.
+bool load_stream(const std::string& path, bool video, int n, Stream* stream, std::string* error);
 
 // Row of the service's codec tables for an FFmpeg codec name, or -1.
 int video_codec_index(const std::string& codec_name);
