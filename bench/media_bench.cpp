@@ -223,17 +223,16 @@ void set_affinity(pid_t pid, const cpu_set_t& cpus) {
     closedir(d);
 }
 
+// Every figure decodes the clip at its own size.
+mediaclient::VideoInitParams video_params(const Stream& clip, int pix_fmt) {
+    return video_init_params(clip.info, clip.info.width, clip.info.height, pix_fmt);
+}
+
 void init_video(mediaclient::DecoderClient& client, const Stream& clip, int pix_fmt) {
-    mediaclient::VideoInitParams p;
-    p.coded_width = clip.info.width;
-    p.coded_height = clip.info.height;
-    p.coded_pix_fmt = clip.info.pix_fmt;
-    p.out_width = clip.info.width;
-    p.out_height = clip.info.height;
-    p.out_pix_fmt = pix_fmt;
     ExchangeResult r{};
-    check(client.init_video(static_cast<uint32_t>(video_codec_index(clip.info.codec_name)), p,
-                            clip.info.extradata.data(), clip.info.extradata.size(), &r),
+    check(client.init_video(static_cast<uint32_t>(video_codec_index(clip.info.codec_name)),
+                            video_params(clip, pix_fmt), clip.info.extradata.data(),
+                            clip.info.extradata.size(), &r),
           "video init");
     if (r.status != STATUS_OK) {
         die("the service could not set up the video decoder");
@@ -255,7 +254,8 @@ long service_video_pass(mediaclient::DecoderClient& client, const Stream& clip, 
 void open_local(LocalVideoDecoder& decoder, const Stream& clip, int pix_fmt,
                 LocalVideoDecoder::Output mode) {
     std::string error;
-    if (!decoder.open(clip.info, clip.info.width, clip.info.height, pix_fmt, mode, &error)) {
+    if (!decoder.open(clip.info.codec_id, video_params(clip, pix_fmt), clip.info.extradata, mode,
+                      &error)) {
         die("in-process decoder: %s", error.c_str());
     }
 }
@@ -793,17 +793,12 @@ void bench_audio(Service& s, const Stream& clip, int runs) {
     std::unique_ptr<LocalAudioDecoder> local_decoder;
 
     Contender service;
+    const mediaclient::AudioInitParams params =
+        audio_init_params(clip.info, out_fmt, out_channels, out_rate);
     service.reset = [&] {
-        mediaclient::AudioInitParams p;
-        p.in_sample_fmt = clip.info.sample_fmt;
-        p.in_channels = clip.info.channels;
-        p.in_sample_rate = clip.info.sample_rate;
-        p.out_sample_fmt = out_fmt;
-        p.out_channels = out_channels;
-        p.out_sample_rate = out_rate;
         ExchangeResult r{};
-        check(client.init_audio(static_cast<uint32_t>(audio_codec_index(clip.info.codec_name)), p,
-                                clip.info.extradata.data(), clip.info.extradata.size(), &r),
+        check(client.init_audio(static_cast<uint32_t>(audio_codec_index(clip.info.codec_name)),
+                                params, clip.info.extradata.data(), clip.info.extradata.size(), &r),
               "audio init");
         if (r.status != STATUS_OK) {
             die("the service could not set up the audio decoder");
@@ -826,7 +821,7 @@ void bench_audio(Service& s, const Stream& clip, int runs) {
     local.reset = [&] {
         local_decoder.reset(new LocalAudioDecoder());
         std::string error;
-        if (!local_decoder->open(clip.info, out_fmt, out_channels, out_rate, &error)) {
+        if (!local_decoder->open(clip.info.codec_id, params, clip.info.extradata, &error)) {
             die("in-process audio decoder: %s", error.c_str());
         }
     };

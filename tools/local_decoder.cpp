@@ -4,17 +4,16 @@
 #include <cstring>
 #include <new>
 
-#include "decoder/exchange_block.h"
 #include "decoder/ffmpeg_compat.h"
+#include "decoder/ffmpeg_protocol.h"
 #include "decoder/packed_picture.h"
 
 namespace mediatools {
 
 namespace {
 
-// Output pixel formats the service does not know are taken as YUV420P there.
-constexpr uint32_t kPixFmtLimit = 187;
-constexpr int kDefaultOutRate = 44100;
+const Answer kFailed{STATUS_FAILED, 0, 0};
+const Answer kNeedMoreData{STATUS_NEED_MORE_DATA, 0, 0};
 
 std::string av_error(int err) {
     char text[AV_ERROR_MAX_STRING_SIZE] = {};
@@ -22,19 +21,71 @@ std::string av_error(int err) {
     return text;
 }
 
-// The service appends configuration bytes with FFmpeg's input padding zeroed behind them.
-bool set_extradata(AVCodecContext* ctx, const std::vector<uint8_t>& bytes) {
-    if (bytes.empty()) {
-        return true;
+// A format number from a request as an FFmpeg enumerator. Past either end it becomes the nearest
+// invalid value, as in the service: FFmpeg refuses it alike, and the enum never holds a value it
+// cannot represent.
+template <typename Format>
+Format format_from(int value, Format none, Format count) {
+    if (value < none) {
+        return static_cast<Format>(none - 1);
     }
-    auto* buf = static_cast<uint8_t*>(av_malloc(bytes.size() + AV_INPUT_BUFFER_PADDING_SIZE));
-    if (buf == nullptr) {
+    return value < count ? static_cast<Format>(value) : count;
+}
+
+AVPixelFormat pixel_format_from(int value) {
+    return format_from(value, AV_PIX_FMT_NONE, AV_PIX_FMT_NB);
+}
+
+AVSampleFormat sample_format_from(int value) {
+    return format_from(value, AV_SAMPLE_FMT_NONE, AV_SAMPLE_FMT_NB);
+}
+
+bool size_fits_area(int size) {
+    return size > 0 && static_cast<size_t>(size) <= SHM_AREA_SIZE;
+}
+
+// Allocates a decoder context for `codec_id`, or says why not.
+AVCodecContext* alloc_context(int codec_id, std::string* error) {
+    const AVCodecID id = static_cast<AVCodecID>(codec_id);
+    const AVCodec* codec = avcodec_find_decoder(id);
+    if (codec == nullptr) {
+        *error = std::string("no FFmpeg decoder for ") + avcodec_get_name(id);
+        return nullptr;
+    }
+    AVCodecContext* ctx = avcodec_alloc_context3(codec);
+    if (ctx == nullptr) {
+        *error = "out of memory";
+    }
+    return ctx;
+}
+
+// The service appends the configuration bytes, which come through the input area, with FFmpeg's
+// input padding zeroed behind them; then it opens the context. Frees the context on failure.
+bool open_context(AVCodecContext** ctx, const std::vector<uint8_t>& extradata, std::string* error) {
+    AVCodecContext* c = *ctx;
+    if (extradata.size() > SHM_AREA_SIZE) {
+        *error = "the codec configuration does not fit the input area";
+        avcodec_free_context(ctx);
         return false;
     }
-    memcpy(buf, bytes.data(), bytes.size());
-    memset(buf + bytes.size(), 0, AV_INPUT_BUFFER_PADDING_SIZE);
-    ctx->extradata = buf;
-    ctx->extradata_size = static_cast<int>(bytes.size());
+    if (!extradata.empty()) {
+        c->extradata =
+            static_cast<uint8_t*>(av_mallocz(extradata.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+        if (c->extradata == nullptr) {
+            *error = "out of memory";
+            avcodec_free_context(ctx);
+            return false;
+        }
+        memcpy(c->extradata, extradata.data(), extradata.size());
+        c->extradata_size = static_cast<int>(extradata.size());
+    }
+    const int ret = avcodec_open2(c, c->codec, nullptr);
+    if (ret < 0) {
+        *error = std::string("cannot open the ") + avcodec_get_name(c->codec_id) +
+                 " decoder: " + av_error(ret);
+        avcodec_free_context(ctx);
+        return false;
+    }
     return true;
 }
 
@@ -46,7 +97,41 @@ void fill_packet(AVPacket* packet, const uint8_t* data, int size, int64_t pts) {
     packet->size = size;
 }
 
+// Whether a picture buffer holds the packed picture as it is: no line padded. FFmpeg 4 pads the
+// lines of its pseudo-paletted formats to 4 bytes even at alignment 1.
+bool holds_packed_picture(AVPixelFormat format, int width, const int linesizes[4]) {
+    int packed[4] = {0, 0, 0, 0};
+    if (av_image_fill_linesizes(packed, format, width) < 0) {
+        return false;
+    }
+    return memcmp(packed, linesizes, sizeof(packed)) == 0;
+}
+
 }  // namespace
+
+mediaclient::VideoInitParams video_init_params(const StreamInfo& info, int out_width,
+                                               int out_height, int out_pix_fmt) {
+    mediaclient::VideoInitParams p;
+    p.coded_width = info.width;
+    p.coded_height = info.height;
+    p.coded_pix_fmt = info.pix_fmt;
+    p.out_width = out_width;
+    p.out_height = out_height;
+    p.out_pix_fmt = out_pix_fmt;
+    return p;
+}
+
+mediaclient::AudioInitParams audio_init_params(const StreamInfo& info, int out_sample_fmt,
+                                               int out_channels, int out_sample_rate) {
+    mediaclient::AudioInitParams p;
+    p.in_sample_fmt = info.sample_fmt;
+    p.in_channels = info.channels;
+    p.in_sample_rate = info.sample_rate;
+    p.out_sample_fmt = out_sample_fmt;
+    p.out_channels = out_channels;
+    p.out_sample_rate = out_sample_rate;
+    return p;
+}
 
 OutputArea::OutputArea() {
     data_ = static_cast<uint8_t*>(aligned_alloc(4096, SHM_AREA_SIZE));
@@ -63,70 +148,121 @@ OutputArea::~OutputArea() {
 // ---- video ----
 
 LocalVideoDecoder::~LocalVideoDecoder() {
+    close();
+}
+
+void LocalVideoDecoder::close() {
     av_freep(&picture_[0]);
+    packed_.clear();
     sws_freeContext(sws_);
+    sws_ = nullptr;
     av_frame_free(&frame_);
     av_packet_free(&packet_);
     avcodec_free_context(&ctx_);
 }
 
-bool LocalVideoDecoder::open(const StreamInfo& info, int out_width, int out_height, int out_pix_fmt,
-                             Output mode, std::string* error) {
+bool LocalVideoDecoder::open(int codec_id, const mediaclient::VideoInitParams& params,
+                             const std::vector<uint8_t>& extradata, Output mode,
+                             std::string* error) {
+    close();
+    set_up_ = true;
     mode_ = mode;
-    out_width_ = out_width;
-    out_height_ = out_height;
-    out_pix_fmt_ =
-        static_cast<uint32_t>(out_pix_fmt) >= kPixFmtLimit ? AV_PIX_FMT_YUV420P : out_pix_fmt;
-    const AVCodec* codec = avcodec_find_decoder(static_cast<AVCodecID>(info.codec_id));
-    if (codec == nullptr) {
-        *error = "no FFmpeg decoder for " + info.codec_name;
+    codec_id_ = codec_id;
+    params_ = params;
+    out_pix_fmt_ = effective_out_pix_fmt(params.out_pix_fmt);
+    if (!open_codec(extradata, error) || !prepare_output(error)) {
+        close();
         return false;
-    }
-    ctx_ = avcodec_alloc_context3(codec);
-    packet_ = av_packet_alloc();
-    frame_ = av_frame_alloc();
-    if (ctx_ == nullptr || packet_ == nullptr || frame_ == nullptr) {
-        *error = "out of memory";
-        return false;
-    }
-    ctx_->codec_type = AVMEDIA_TYPE_VIDEO;
-    ctx_->width = info.width;
-    ctx_->height = info.height;
-    ctx_->pix_fmt = static_cast<AVPixelFormat>(info.pix_fmt);
-    if (!set_extradata(ctx_, info.extradata)) {
-        *error = "out of memory";
-        return false;
-    }
-    int ret = avcodec_open2(ctx_, codec, nullptr);
-    if (ret < 0) {
-        *error = "cannot open the " + info.codec_name + " decoder: " + av_error(ret);
-        return false;
-    }
-    if (mode_ != Output::kScaleOnly) {
-        area_.reset(new OutputArea());
-    } else {
-        picture_size_ = ffcompat::image_alloc(picture_, linesizes_, out_width_, out_height_,
-                                              static_cast<AVPixelFormat>(out_pix_fmt_), 1);
-        if (picture_size_ < 0) {
-            *error = "cannot allocate the picture buffer: " + av_error(picture_size_);
-            return false;
-        }
     }
     return true;
 }
 
+bool LocalVideoDecoder::open_codec(const std::vector<uint8_t>& extradata, std::string* error) {
+    ctx_ = alloc_context(codec_id_, error);
+    if (ctx_ == nullptr) {
+        return false;
+    }
+    ctx_->codec_type = AVMEDIA_TYPE_VIDEO;
+    ctx_->width = params_.coded_width;
+    ctx_->height = params_.coded_height;
+    ctx_->pix_fmt = pixel_format_from(params_.coded_pix_fmt);
+    if (!open_context(&ctx_, extradata, error)) {
+        return false;
+    }
+    packet_ = av_packet_alloc();
+    frame_ = av_frame_alloc();
+    if (packet_ == nullptr || frame_ == nullptr) {
+        *error = "out of memory";
+        return false;
+    }
+    return true;
+}
+
+// The output area, or the picture buffer. A picture the service would refuse for its size gets
+// no buffer, so that decoding fails where the service's does and never allocates gigabytes.
+bool LocalVideoDecoder::prepare_output(std::string* error) {
+    if (mode_ == Output::kLikeService) {
+        if (!area_) {
+            area_.reset(new OutputArea());
+        }
+        return true;
+    }
+    const AVPixelFormat format = static_cast<AVPixelFormat>(out_pix_fmt_);
+    picture_size_ = av_image_get_buffer_size(format, params_.out_width, params_.out_height, 1);
+    if (!size_fits_area(picture_size_)) {
+        return true;
+    }
+    const int ret = ffcompat::image_alloc(picture_, linesizes_, params_.out_width,
+                                          params_.out_height, format, 1);
+    if (ret < 0) {
+        *error = "cannot allocate the picture buffer: " + av_error(ret);
+        return false;
+    }
+    if (!holds_packed_picture(format, params_.out_width, linesizes_)) {
+        packed_.resize(static_cast<size_t>(picture_size_));
+    }
+    return true;
+}
+
+bool LocalVideoDecoder::reset(int out_width, int out_height, int out_pix_fmt) {
+    if (ctx_ == nullptr) {
+        return false;
+    }
+    mediaclient::VideoInitParams params = params_;
+    params.out_width = out_width;
+    params.out_height = out_height;
+    params.out_pix_fmt = out_pix_fmt;
+    std::string error;
+    return open(codec_id_, params, {}, mode_, &error);
+}
+
+void LocalVideoDecoder::flush() {
+    if (ctx_ != nullptr) {
+        avcodec_flush_buffers(ctx_);
+    }
+}
+
 const uint8_t* LocalVideoDecoder::output() const {
-    return mode_ == Output::kScaleOnly ? picture_[0] : area_->data();
+    if (mode_ == Output::kLikeService) {
+        return area_ ? area_->data() : nullptr;
+    }
+    return packed_.empty() ? picture_[0] : packed_.data();
 }
 
 Answer LocalVideoDecoder::fail() {
     av_frame_unref(frame_);
-    return Answer{STATUS_FAILED, 0, 0};
+    return kFailed;
 }
 
 Answer LocalVideoDecoder::decode(const uint8_t* data, int size, int64_t pts) {
-    if (size <= 0) {
-        return Answer{STATUS_FAILED, 0, 0};
+    if (!set_up_) {
+        return Answer{};
+    }
+    if (!size_fits_area(size)) {
+        return kFailed;
+    }
+    if (ctx_ == nullptr) {
+        return Answer{};
     }
     fill_packet(packet_, data, size, pts);
     if (avcodec_send_packet(ctx_, packet_) < 0) {
@@ -139,121 +275,167 @@ Answer LocalVideoDecoder::decode(const uint8_t* data, int size, int64_t pts) {
         ~FreeTemp() { av_frame_free(&frame); }
     } free_temp{temp};
 
-    int ret = avcodec_receive_frame(ctx_, frame_);
+    const int ret = avcodec_receive_frame(ctx_, frame_);
     if (ret == AVERROR(EAGAIN) || ret == AVERROR_EOF) {
         av_frame_unref(frame_);
-        return Answer{STATUS_NEED_MORE_DATA, 0, 0};
+        return kNeedMoreData;
     }
     if (ret < 0) {
         return fail();
     }
-
-    const AVPixelFormat out_format = static_cast<AVPixelFormat>(out_pix_fmt_);
     sws_ = sws_getCachedContext(sws_, frame_->width, frame_->height,
-                                static_cast<AVPixelFormat>(frame_->format), out_width_, out_height_,
-                                out_format, SWS_BILINEAR, nullptr, nullptr, nullptr);
+                                static_cast<AVPixelFormat>(frame_->format), params_.out_width,
+                                params_.out_height, static_cast<AVPixelFormat>(out_pix_fmt_),
+                                SWS_BILINEAR, nullptr, nullptr, nullptr);
     if (sws_ == nullptr) {
         return fail();
     }
+    const Answer answer = mode_ == Output::kLikeService ? convert_like_service() : scale_only();
+    av_frame_unref(frame_);
+    return answer;
+}
 
-    if (mode_ == Output::kScaleOnly) {
-        sws_scale(sws_, frame_->data, frame_->linesize, 0, frame_->height, picture_, linesizes_);
-        Answer answer{STATUS_OK, static_cast<uint32_t>(picture_size_),
-                      frame_->best_effort_timestamp};
-        av_frame_unref(frame_);
-        return answer;
-    }
-
-    int picture_size = av_image_get_buffer_size(out_format, out_width_, out_height_, 1);
-    if (picture_size > static_cast<int>(SHM_AREA_SIZE)) {
+Answer LocalVideoDecoder::convert_like_service() {
+    const AVPixelFormat format = static_cast<AVPixelFormat>(out_pix_fmt_);
+    const int width = params_.out_width, height = params_.out_height;
+    if (av_image_get_buffer_size(format, width, height, 1) > static_cast<int>(SHM_AREA_SIZE)) {
         return fail();
     }
     uint8_t* area = area_->data();
     packed_picture::Failure failure;
-    int copied =
-        packed_picture::convert(sws_, frame_, area, out_format, out_width_, out_height_, &failure);
+    const int copied = packed_picture::convert(sws_, frame_, area, format, width, height, &failure);
     if (copied < 0) {
         return fail();
     }
     // The service releases these pages instead where the kernel lets it; zeros either way.
-    const size_t packed = static_cast<size_t>(copied);
-    memset(area + packed, 0, SHM_AREA_SIZE - packed);
-    Answer answer{STATUS_OK, static_cast<uint32_t>(packed), frame_->best_effort_timestamp};
-    av_frame_unref(frame_);
-    return answer;
+    const size_t used = static_cast<size_t>(copied);
+    memset(area + used, 0, SHM_AREA_SIZE - used);
+    return Answer{STATUS_OK, static_cast<uint32_t>(used), frame_->best_effort_timestamp};
+}
+
+Answer LocalVideoDecoder::scale_only() {
+    if (picture_[0] == nullptr) {
+        return fail();
+    }
+    const AVPixelFormat format = static_cast<AVPixelFormat>(out_pix_fmt_);
+    sws_scale(sws_, frame_->data, frame_->linesize, 0, frame_->height, picture_, linesizes_);
+    if (!packed_.empty() &&
+        av_image_copy_to_buffer(packed_.data(), picture_size_, picture_, linesizes_, format,
+                                params_.out_width, params_.out_height, 1) < 0) {
+        return fail();
+    }
+    return Answer{STATUS_OK, static_cast<uint32_t>(picture_size_), frame_->best_effort_timestamp};
 }
 
 // ---- audio ----
 
 LocalAudioDecoder::~LocalAudioDecoder() {
+    close();
+}
+
+void LocalAudioDecoder::close() {
     swr_free(&swr_);
     av_frame_free(&frame_);
     av_packet_free(&packet_);
     avcodec_free_context(&ctx_);
+    plane_offsets_.clear();
+    plane_size_ = 0;
 }
 
-bool LocalAudioDecoder::open(const StreamInfo& info, int out_sample_fmt, int out_channels,
-                             int out_rate, std::string* error) {
-    in_rate_ = info.sample_rate;
-    in_channels_ = info.channels;
-    in_layout_ = ffcompat::default_channel_layout(info.channels);
-    in_fmt_ = info.sample_fmt;
-    out_rate_ = out_rate > 0 ? out_rate : kDefaultOutRate;
-    out_channels_ = out_channels;
-    out_fmt_ = out_sample_fmt;
-    out_layout_ = ffcompat::default_channel_layout(out_channels);
-
-    const AVCodec* codec = avcodec_find_decoder(static_cast<AVCodecID>(info.codec_id));
-    if (codec == nullptr) {
-        *error = "no FFmpeg decoder for " + info.codec_name;
+bool LocalAudioDecoder::open(int codec_id, const mediaclient::AudioInitParams& params,
+                             const std::vector<uint8_t>& extradata, std::string* error) {
+    close();
+    set_up_ = true;
+    codec_id_ = codec_id;
+    params_ = params;
+    in_layout_ = ffcompat::default_channel_layout(params.in_channels);
+    out_rate_ = effective_out_sample_rate(params.out_sample_rate);
+    out_layout_ = ffcompat::default_channel_layout(params.out_channels);
+    resampler_builds_ = 0;
+    if (!area_) {
+        area_.reset(new OutputArea());
+    }
+    if (!open_codec(extradata, error)) {
+        close();
         return false;
     }
-    ctx_ = avcodec_alloc_context3(codec);
-    packet_ = av_packet_alloc();
-    frame_ = av_frame_alloc();
-    if (ctx_ == nullptr || packet_ == nullptr || frame_ == nullptr) {
-        *error = "out of memory";
-        return false;
-    }
-    ffcompat::set_context_channels(ctx_, info.channels);
-    ctx_->sample_fmt = static_cast<AVSampleFormat>(info.sample_fmt);
-    if (info.sample_rate > 0) {
-        ctx_->sample_rate = info.sample_rate;
-    }
-    if (!set_extradata(ctx_, info.extradata)) {
-        *error = "out of memory";
-        return false;
-    }
-    int ret = avcodec_open2(ctx_, codec, nullptr);
-    if (ret < 0) {
-        *error = "cannot open the " + info.codec_name + " decoder: " + av_error(ret);
-        return false;
-    }
-    area_.reset(new OutputArea());
     return true;
 }
 
+bool LocalAudioDecoder::open_codec(const std::vector<uint8_t>& extradata, std::string* error) {
+    ctx_ = alloc_context(codec_id_, error);
+    if (ctx_ == nullptr) {
+        return false;
+    }
+    ffcompat::set_context_channels(ctx_, params_.in_channels);
+    ctx_->sample_fmt = sample_format_from(params_.in_sample_fmt);
+    if (params_.in_sample_rate > 0) {
+        ctx_->sample_rate = params_.in_sample_rate;
+    }
+    if (!open_context(&ctx_, extradata, error)) {
+        return false;
+    }
+    packet_ = av_packet_alloc();
+    frame_ = av_frame_alloc();
+    if (packet_ == nullptr || frame_ == nullptr) {
+        *error = "out of memory";
+        return false;
+    }
+    return true;
+}
+
+bool LocalAudioDecoder::reset(int out_sample_fmt, int out_channels, int out_sample_rate) {
+    if (ctx_ == nullptr) {
+        return false;
+    }
+    mediaclient::AudioInitParams params = params_;
+    params.out_sample_fmt = out_sample_fmt;
+    params.out_channels = out_channels;
+    params.out_sample_rate = out_sample_rate;
+    std::string error;
+    return open(codec_id_, params, {}, &error);
+}
+
+void LocalAudioDecoder::flush() {
+    if (ctx_ != nullptr) {
+        avcodec_flush_buffers(ctx_);
+    }
+}
+
 Answer LocalAudioDecoder::fail() {
-    return Answer{STATUS_FAILED, 0, 0};
+    return kFailed;
 }
 
 Answer LocalAudioDecoder::decode(const uint8_t* data, int size, int64_t pts) {
-    if (size <= 0) {
-        return Answer{STATUS_FAILED, 0, 0};
+    plane_offsets_.clear();
+    plane_size_ = 0;
+    if (!set_up_) {
+        return Answer{};
+    }
+    if (!size_fits_area(size)) {
+        return kFailed;
+    }
+    if (ctx_ == nullptr) {
+        return Answer{};
     }
     fill_packet(packet_, data, size, pts);
     if (avcodec_send_packet(ctx_, packet_) < 0) {
         return fail();
     }
-    int ret = avcodec_receive_frame(ctx_, frame_);
+    const int ret = avcodec_receive_frame(ctx_, frame_);
     if (ret == AVERROR(EAGAIN) || ret == AVERROR_EOF) {
         av_frame_unref(frame_);
-        return Answer{STATUS_NEED_MORE_DATA, 0, 0};
+        return kNeedMoreData;
     }
-    if (ret < 0) {
+    if (ret < 0 || !update_resampler()) {
         return fail();
     }
+    return convert(pts);
+}
 
+// Keeps the resampler while the decoded format stays the same. A frame whose layout is missing or
+// disagrees with its channel count is taken in the default layout for that count.
+bool LocalAudioDecoder::update_resampler() {
     const uint64_t frame_layout = ffcompat::frame_channel_layout(frame_);
     const int frame_channels = ffcompat::frame_channels(frame_);
     const int n_in = ffcompat::layout_nb_channels(frame_layout);
@@ -261,50 +443,71 @@ Answer LocalAudioDecoder::decode(const uint8_t* data, int size, int64_t pts) {
     if (frame_layout == 0 || n_in != frame_channels) {
         layout = ffcompat::default_channel_layout(frame_channels);
     }
-    const bool reusable = swr_ != nullptr && in_channels_ == n_in && in_layout_ == layout &&
-                          in_rate_ == frame_->sample_rate && in_fmt_ == frame_->format;
-    if (!reusable) {
+    if (swr_ != nullptr && params_.in_channels == n_in && in_layout_ == layout &&
+        params_.in_sample_rate == frame_->sample_rate && params_.in_sample_fmt == frame_->format) {
+        return true;
+    }
+    swr_free(&swr_);
+    params_.in_sample_rate = frame_->sample_rate;
+    params_.in_channels = n_in;
+    in_layout_ = layout;
+    params_.in_sample_fmt = frame_->format;
+    ++resampler_builds_;
+    swr_ = ffcompat::alloc_resampler(out_layout_, sample_format_from(params_.out_sample_fmt),
+                                     out_rate_, layout, static_cast<AVSampleFormat>(frame_->format),
+                                     frame_->sample_rate);
+    if (swr_ == nullptr) {
+        return false;
+    }
+    if (swr_init(swr_) < 0) {
         swr_free(&swr_);
-        in_rate_ = frame_->sample_rate;
-        in_channels_ = n_in;
-        in_layout_ = layout;
-        in_fmt_ = frame_->format;
-        swr_ = ffcompat::alloc_resampler(
-            out_layout_, static_cast<AVSampleFormat>(out_fmt_), out_rate_, layout,
-            static_cast<AVSampleFormat>(frame_->format), frame_->sample_rate);
-        if (swr_ == nullptr) {
-            return fail();
-        }
-        if (swr_init(swr_) < 0) {
-            swr_free(&swr_);
-            return fail();
-        }
+        return false;
     }
+    return true;
+}
 
-    const AVSampleFormat out_format = static_cast<AVSampleFormat>(out_fmt_);
-    int needed =
-        av_samples_get_buffer_size(nullptr, out_channels_, frame_->nb_samples, out_format, 0);
-    if (needed < 0 || static_cast<size_t>(needed) > SHM_AREA_SIZE) {
-        return fail();
-    }
-    auto** planes = static_cast<uint8_t**>(av_calloc(out_channels_, sizeof(uint8_t*)));
+// Converts the frame straight into the output area, planes laid out as the sample buffer helpers
+// do with alignment 0 for the frame's sample count.
+Answer LocalAudioDecoder::convert(int64_t pts) {
+    const AVSampleFormat format = sample_format_from(params_.out_sample_fmt);
+    const int channels = params_.out_channels;
+    auto** planes = static_cast<uint8_t**>(av_calloc(channels, sizeof(uint8_t*)));
     if (planes == nullptr) {
         return fail();
     }
-    if (av_samples_fill_arrays(planes, nullptr, area_->data(), out_channels_, frame_->nb_samples,
-                               out_format, 0) < 0) {
-        av_freep(&planes);
+    struct FreePlanes {
+        uint8_t**& planes;
+        ~FreePlanes() { av_freep(&planes); }
+    } free_planes{planes};
+
+    const int needed = av_samples_get_buffer_size(nullptr, channels, frame_->nb_samples, format, 0);
+    if (needed < 0 || static_cast<size_t>(needed) > SHM_AREA_SIZE) {
         return fail();
     }
-    int n = swr_convert(swr_, planes, frame_->nb_samples,
-                        const_cast<const uint8_t**>(frame_->extended_data), frame_->nb_samples);
-    av_freep(&planes);
+    uint8_t* area = area_->data();
+    if (av_samples_fill_arrays(planes, nullptr, area, channels, frame_->nb_samples, format, 0) <
+        0) {
+        return fail();
+    }
+    const int n =
+        swr_convert(swr_, planes, frame_->nb_samples,
+                    const_cast<const uint8_t**>(frame_->extended_data), frame_->nb_samples);
     if (n < 0) {
         return fail();
     }
-    const uint32_t output_size =
-        static_cast<uint32_t>(n * out_channels_ * av_get_bytes_per_sample(out_format));
-    return Answer{STATUS_OK, output_size, pts + static_cast<int64_t>(n) * 1000000 / out_rate_};
+
+    const int bytes_per_sample = av_get_bytes_per_sample(format);
+    const bool planar = av_sample_fmt_is_planar(format) != 0;
+    for (int k = 0; k < (planar ? channels : 1); ++k) {
+        plane_offsets_.push_back(static_cast<size_t>(planes[k] - area));
+    }
+    plane_size_ = static_cast<size_t>(n * bytes_per_sample * (planar ? 1 : channels));
+    const uint32_t output_size = static_cast<uint32_t>(n * channels * bytes_per_sample);
+    // The pts is the client's: summed in unsigned arithmetic, as in the service, so that a value
+    // near the end of the range wraps instead of overflowing.
+    const uint64_t duration = static_cast<uint64_t>(int64_t{n} * 1000000 / out_rate_);
+    return Answer{STATUS_OK, output_size,
+                  static_cast<int64_t>(static_cast<uint64_t>(pts) + duration)};
 }
 
 }  // namespace mediatools

@@ -551,11 +551,13 @@ int main(int argc, char** argv) {
         bool ok;
         if (info.video) {
             local_video.reset(new LocalVideoDecoder());
-            ok = local_video->open(info, out_w, out_h, out_pix,
-                                   LocalVideoDecoder::Output::kLikeService, &error);
+            ok = local_video->open(info.codec_id, video_init_params(info, out_w, out_h, out_pix),
+                                   info.extradata, LocalVideoDecoder::Output::kLikeService, &error);
         } else {
             local_audio.reset(new LocalAudioDecoder());
-            ok = local_audio->open(info, out_sample, out_channels, out_rate, &error);
+            ok = local_audio->open(info.codec_id,
+                                   audio_init_params(info, out_sample, out_channels, out_rate),
+                                   info.extradata, &error);
         }
         if (!ok) {
             fail(kExitError, "in-process decoder: %s", error.c_str());
