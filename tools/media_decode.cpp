@@ -23,6 +23,7 @@ extern "C" {
 
 #include "client/media_client.h"
 #include "decoder/exchange_block.h"
+#include "decoder/ffmpeg_protocol.h"
 #include "tools/hw_probe.h"
 #include "tools/local_decoder.h"
 #include "tools/media_file.h"
@@ -120,12 +121,16 @@ struct Options {
     bool probe = false;
 };
 
-[[noreturn]] void fail(int code, const char* fmt, ...) {
-    va_list ap;
-    va_start(ap, fmt);
+void print_error(const char* fmt, va_list ap) {
     fputs("media-decode: ", stderr);
     vfprintf(stderr, fmt, ap);
     fputc('\n', stderr);
+}
+
+[[noreturn]] void fail(int code, const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    print_error(fmt, ap);
     va_end(ap);
     exit(code);
 }
@@ -399,309 +404,420 @@ std::string client_error(const mediaclient::DecoderClient& client, mediaclient::
     }
 }
 
-}  // namespace
+// ---- the steps ----
 
-int main(int argc, char** argv) {
-    Options opt = parse_options(argc, argv);
-    av_log_set_level(AV_LOG_ERROR);
-    if (opt.probe) {
-        print_probe(probe_host(), stdout);
-        return 0;
-    }
-
-    // ---- input ----
+// The input file, its selected stream and that stream's row of the service's codec table.
+struct Input {
     MediaFile file;
     StreamInfo info;
+    int codec_index = -1;
+};
+
+// The output asked for, as init codec parameters for the service and the model alike (only those
+// of the stream's kind are used).
+struct Setup {
+    mediaclient::VideoInitParams video;
+    mediaclient::AudioInitParams audio;
+};
+
+struct Service {
+    std::string socket_path;
+    mediaclient::SessionClient session;
+    mediaclient::DecoderClient client;
+};
+
+// The in-process model, for --verify and --in-process.
+struct Model {
+    std::unique_ptr<LocalVideoDecoder> video;
+    std::unique_ptr<LocalAudioDecoder> audio;
+
+    bool open() const { return video || audio; }
+    Answer decode(const Packet& p) {
+        const int size = static_cast<int>(p.data.size());
+        return video ? video->decode(p.data.data(), size, p.pts_us)
+                     : audio->decode(p.data.data(), size, p.pts_us);
+    }
+    const uint8_t* output() const { return video ? video->output() : audio->output(); }
+};
+
+// Opens the file and selects the stream (-v/-a, else its first video stream, else its first audio
+// stream), which must have a codec of the service's tables.
+void open_input(const Options& opt, Input* input) {
     std::string error;
-    if (!file.open(opt.file, &error)) {
+    if (!input->file.open(opt.file, &error)) {
         fail(kExitError, "%s", error.c_str());
     }
-    if (!opt.stream_given) {
-        opt.want_video = file.stream_count(true) > 0;
-    }
-    if (!file.select(opt.want_video, opt.stream, &info, &error)) {
-        if (!opt.stream_given && file.stream_count(false) == 0) {
+    const bool video = opt.stream_given ? opt.want_video : input->file.stream_count(true) > 0;
+    if (!input->file.select(video, opt.stream, &input->info, &error)) {
+        if (!opt.stream_given && input->file.stream_count(false) == 0) {
             fail(kExitError, "%s has no audio or video stream", opt.file.c_str());
         }
         fail(kExitError, "%s: %s", opt.file.c_str(), error.c_str());
     }
-    const int codec_index =
+    const StreamInfo& info = input->info;
+    input->codec_index =
         info.video ? video_codec_index(info.codec_name) : audio_codec_index(info.codec_name);
-    if (codec_index < 0) {
+    if (input->codec_index < 0) {
         fail(kExitError, "codec %s of %s stream %d is not in the service's %s codec table (%s)",
              info.codec_name.c_str(), info.video ? "video" : "audio", info.kind_index,
              info.video ? "video" : "audio", codec_table_names(info.video).c_str());
     }
+}
 
-    // ---- output format ----
-    int out_w = opt.width > 0 ? opt.width : info.width;
-    int out_h = opt.height > 0 ? opt.height : info.height;
-    int out_pix = av_get_pix_fmt(opt.pix_fmt.c_str());
-    int out_sample = av_get_sample_fmt(opt.sample_fmt.c_str());
-    int out_channels = opt.channels > 0 ? opt.channels : (info.channels > 0 ? info.channels : 2);
-    int out_rate = opt.rate > 0 ? opt.rate : info.sample_rate;
+// The options' output, with the stream's own size, channel count and rate where none is given.
+Setup output_format(const Options& opt, const StreamInfo& info) {
+    const int width = opt.width > 0 ? opt.width : info.width;
+    const int height = opt.height > 0 ? opt.height : info.height;
+    const int pix_fmt = av_get_pix_fmt(opt.pix_fmt.c_str());
+    const int sample_fmt = av_get_sample_fmt(opt.sample_fmt.c_str());
+    const int channels = opt.channels > 0 ? opt.channels : (info.channels > 0 ? info.channels : 2);
+    const int rate = opt.rate > 0 ? opt.rate : info.sample_rate;
     if (info.video) {
-        if (out_pix == AV_PIX_FMT_NONE) {
+        if (pix_fmt == AV_PIX_FMT_NONE) {
             fail(kExitUsage, "unknown pixel format '%s' (see ffmpeg -pix_fmts)",
                  opt.pix_fmt.c_str());
         }
-        if (out_w <= 0 || out_h <= 0) {
+        if (width <= 0 || height <= 0) {
             fail(kExitUsage, "the stream has no picture size; give --size");
         }
-    } else if (out_sample == AV_SAMPLE_FMT_NONE) {
+    } else if (sample_fmt == AV_SAMPLE_FMT_NONE) {
         fail(kExitUsage, "unknown sample format '%s' (see ffmpeg -sample_fmts)",
              opt.sample_fmt.c_str());
     }
+    return Setup{video_init_params(info, width, height, pix_fmt),
+                 audio_init_params(info, sample_fmt, channels, rate)};
+}
 
-    // ---- service ----
-    const bool use_service = !opt.in_process;
-    const std::string socket_path =
-        opt.socket.empty() ? mediaclient::default_socket_path() : opt.socket;
-    mediaclient::SessionClient session;
-    mediaclient::DecoderClient client;
-    if (use_service) {
-        if (info.extradata.size() > SHM_AREA_SIZE) {
-            fail(kExitError, "the stream's codec configuration does not fit the input area");
+// Starts the service when nothing listens on the socket, then registers the session client
+// (unless --no-session) and a decoder client.
+void connect_service(const Options& opt, Service* s) {
+    std::string error;
+    if (!service_listening(s->socket_path)) {
+        if (opt.no_start) {
+            fail(kExitError, "the service is not running: nothing listens on %s",
+                 s->socket_path.c_str());
         }
-        const void* config = info.extradata.empty() ? nullptr : info.extradata.data();
-        ExchangeResult result{};
-        mediaclient::ClientError e = mediaclient::ClientError::kOk;
-        // A service that is stopping (its session client just ended) still takes connections
-        // into its backlog and then drops them; one more try finds it gone and starts a new one.
-        for (int attempt = 0; attempt < 2; ++attempt) {
-            if (attempt > 0) {
-                session.close();
-                client.close();
-                usleep(300 * 1000);
-            }
-            if (!service_listening(socket_path)) {
-                if (opt.no_start) {
-                    fail(kExitError, "the service is not running: nothing listens on %s",
-                         socket_path.c_str());
-                }
-                if (!start_service(socket_path, "", 5000, &error)) {
-                    fail(kExitError, "%s", error.c_str());
-                }
-            }
-            if (!opt.no_session) {
-                if (session.connect(socket_path) != mediaclient::ClientError::kOk ||
-                    session.start_answering() != mediaclient::ClientError::kOk) {
-                    fail(kExitError, "cannot register the session client at %s: %s",
-                         socket_path.c_str(), strerror(session.last_errno()));
-                }
-            }
-            e = client.connect_posix(socket_path);
-            if (e != mediaclient::ClientError::kOk) {
-                fail(kExitError, "cannot register a decoder client at %s: %s", socket_path.c_str(),
-                     client_error(client, e, opt.timeout_ms).c_str());
-            }
-            if (info.video) {
-                mediaclient::VideoInitParams p;
-                p.coded_width = info.width;
-                p.coded_height = info.height;
-                p.coded_pix_fmt = info.pix_fmt;
-                p.out_width = out_w;
-                p.out_height = out_h;
-                p.out_pix_fmt = out_pix;
-                e = client.init_video(static_cast<uint32_t>(codec_index), p, config,
-                                      info.extradata.size(), &result, opt.timeout_ms);
-            } else {
-                mediaclient::AudioInitParams p;
-                p.in_sample_fmt = info.sample_fmt;
-                p.in_channels = info.channels;
-                p.in_sample_rate = info.sample_rate;
-                p.out_sample_fmt = out_sample;
-                p.out_channels = out_channels;
-                p.out_sample_rate = out_rate;
-                e = client.init_audio(static_cast<uint32_t>(codec_index), p, config,
-                                      info.extradata.size(), &result, opt.timeout_ms);
-            }
-            if (e != mediaclient::ClientError::kDisconnected || opt.no_start) {
-                break;
-            }
-        }
-        if (e == mediaclient::ClientError::kDisconnected) {
-            fail(kExitError, "the service refused the decoder client (closed the connection)");
-        }
-        if (e != mediaclient::ClientError::kOk) {
-            fail(kExitError, "setting up the %s decoder: %s", info.codec_name.c_str(),
-                 client_error(client, e, opt.timeout_ms).c_str());
-        }
-        if (result.status != STATUS_OK) {
-            fail(kExitError, "the service could not set up the %s decoder (status %d)",
-                 info.codec_name.c_str(), result.status);
-        }
-        // A second session client is refused by closing its connection; by now the service has
-        // handled our session registration, which came first.
-        if (!opt.no_session &&
-            (session.disconnected() || mediaclient::wait_closed(session.fd(), 50))) {
-            session.close();
-            if (!opt.quiet) {
-                fprintf(stderr,
-                        "media-decode: the service already has a session client; going on "
-                        "without one\n");
-            }
+        if (!start_service(s->socket_path, "", 5000, &error)) {
+            fail(kExitError, "%s", error.c_str());
         }
     }
-
-    // ---- in-process decoder ----
-    std::unique_ptr<LocalVideoDecoder> local_video;
-    std::unique_ptr<LocalAudioDecoder> local_audio;
-    if (opt.verify || opt.in_process) {
-        bool ok;
-        if (info.video) {
-            local_video.reset(new LocalVideoDecoder());
-            ok = local_video->open(info.codec_id, video_init_params(info, out_w, out_h, out_pix),
-                                   info.extradata, LocalVideoDecoder::Output::kLikeService, &error);
-        } else {
-            local_audio.reset(new LocalAudioDecoder());
-            ok = local_audio->open(info.codec_id,
-                                   audio_init_params(info, out_sample, out_channels, out_rate),
-                                   info.extradata, &error);
-        }
-        if (!ok) {
-            fail(kExitError, "in-process decoder: %s", error.c_str());
+    if (!opt.no_session) {
+        if (s->session.connect(s->socket_path) != mediaclient::ClientError::kOk ||
+            s->session.start_answering() != mediaclient::ClientError::kOk) {
+            fail(kExitError, "cannot register the session client at %s: %s", s->socket_path.c_str(),
+                 strerror(s->session.last_errno()));
         }
     }
+    const mediaclient::ClientError e = s->client.connect_posix(s->socket_path);
+    if (e != mediaclient::ClientError::kOk) {
+        fail(kExitError, "cannot register a decoder client at %s: %s", s->socket_path.c_str(),
+             client_error(s->client, e, opt.timeout_ms).c_str());
+    }
+}
 
-    FILE* out = nullptr;
-    if (!opt.out_path.empty()) {
-        out = opt.out_path == "-" ? stdout : fopen(opt.out_path.c_str(), "wbe");
-        if (out == nullptr) {
-            fail(kExitError, "cannot write %s: %s", opt.out_path.c_str(), strerror(errno));
+mediaclient::ClientError init_decoder(const Options& opt, const Input& input, const Setup& setup,
+                                      Service* s, ExchangeResult* result) {
+    const StreamInfo& info = input.info;
+    const void* config = info.extradata.empty() ? nullptr : info.extradata.data();
+    const uint32_t row = static_cast<uint32_t>(input.codec_index);
+    return info.video ? s->client.init_video(row, setup.video, config, info.extradata.size(),
+                                             result, opt.timeout_ms)
+                      : s->client.init_audio(row, setup.audio, config, info.extradata.size(),
+                                             result, opt.timeout_ms);
+}
+
+// Connects to the service and sets up its decoder; a second try when the service drops the
+// connection.
+void set_up_service(const Options& opt, const Input& input, const Setup& setup, Service* s) {
+    if (input.info.extradata.size() > SHM_AREA_SIZE) {
+        fail(kExitError, "the stream's codec configuration does not fit the input area");
+    }
+    ExchangeResult result{};
+    mediaclient::ClientError e = mediaclient::ClientError::kOk;
+    // A service that is stopping (its session client just ended) still takes connections into its
+    // backlog and then drops them; one more try finds it gone and starts a new one.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (attempt > 0) {
+            s->session.close();
+            s->client.close();
+            usleep(300 * 1000);
+        }
+        connect_service(opt, s);
+        e = init_decoder(opt, input, setup, s, &result);
+        if (e != mediaclient::ClientError::kDisconnected || opt.no_start) {
+            break;
         }
     }
-
-    if (!opt.quiet) {
-        if (info.video) {
-            const char* in_fmt = av_get_pix_fmt_name(static_cast<AVPixelFormat>(info.pix_fmt));
-            fprintf(stderr, "media-decode: video stream %d: %s %dx%d %s -> %dx%d %s%s%s\n",
-                    info.kind_index, info.codec_name.c_str(), info.width, info.height,
-                    in_fmt != nullptr ? in_fmt : "?", out_w, out_h, opt.pix_fmt.c_str(),
-                    use_service ? " via " : " in-process", use_service ? socket_path.c_str() : "");
-        } else {
-            const char* in_fmt =
-                av_get_sample_fmt_name(static_cast<AVSampleFormat>(info.sample_fmt));
+    const char* codec = input.info.codec_name.c_str();
+    if (e == mediaclient::ClientError::kDisconnected) {
+        fail(kExitError, "the service refused the decoder client (closed the connection)");
+    }
+    if (e != mediaclient::ClientError::kOk) {
+        fail(kExitError, "setting up the %s decoder: %s", codec,
+             client_error(s->client, e, opt.timeout_ms).c_str());
+    }
+    if (result.status != STATUS_OK) {
+        fail(kExitError, "the service could not set up the %s decoder (status %d)", codec,
+             result.status);
+    }
+    // A second session client is refused by closing its connection; by now the service has
+    // handled our session registration, which came first.
+    if (!opt.no_session &&
+        (s->session.disconnected() || mediaclient::wait_closed(s->session.fd(), 50))) {
+        s->session.close();
+        if (!opt.quiet) {
             fprintf(stderr,
-                    "media-decode: audio stream %d: %s %d Hz %d ch %s -> %d Hz %d ch %s%s%s\n",
-                    info.kind_index, info.codec_name.c_str(), info.sample_rate, info.channels,
-                    in_fmt != nullptr ? in_fmt : "?", out_rate > 0 ? out_rate : 44100, out_channels,
-                    opt.sample_fmt.c_str(), use_service ? " via " : " in-process",
-                    use_service ? socket_path.c_str() : "");
+                    "media-decode: the service already has a session client; going on without "
+                    "one\n");
         }
+    }
+}
+
+void open_model(const Input& input, const Setup& setup, Model* model) {
+    const StreamInfo& info = input.info;
+    std::string error;
+    bool ok;
+    if (info.video) {
+        model->video.reset(new LocalVideoDecoder());
+        ok = model->video->open(info.codec_id, setup.video, info.extradata,
+                                LocalVideoDecoder::Output::kLikeService, &error);
+    } else {
+        model->audio.reset(new LocalAudioDecoder());
+        ok = model->audio->open(info.codec_id, setup.audio, info.extradata, &error);
+    }
+    if (!ok) {
+        fail(kExitError, "in-process decoder: %s", error.c_str());
+    }
+}
+
+FILE* open_output(const Options& opt) {
+    if (opt.out_path.empty()) {
+        return nullptr;
+    }
+    FILE* out = opt.out_path == "-" ? stdout : fopen(opt.out_path.c_str(), "wbe");
+    if (out == nullptr) {
+        fail(kExitError, "cannot write %s: %s", opt.out_path.c_str(), strerror(errno));
+    }
+    return out;
+}
+
+// The stream, the output and where it is decoded, unless --quiet; the --md5 header.
+void announce(const Options& opt, const StreamInfo& info, const Setup& setup,
+              const std::string& socket_path) {
+    const bool service = !opt.in_process;
+    const char* where = service ? " via " : " in-process";
+    const char* socket = service ? socket_path.c_str() : "";
+    if (!opt.quiet && info.video) {
+        const char* in_fmt = av_get_pix_fmt_name(static_cast<AVPixelFormat>(info.pix_fmt));
+        fprintf(stderr, "media-decode: video stream %d: %s %dx%d %s -> %dx%d %s%s%s\n",
+                info.kind_index, info.codec_name.c_str(), info.width, info.height,
+                in_fmt != nullptr ? in_fmt : "?", setup.video.out_width, setup.video.out_height,
+                opt.pix_fmt.c_str(), where, socket);
+    } else if (!opt.quiet) {
+        const char* in_fmt = av_get_sample_fmt_name(static_cast<AVSampleFormat>(info.sample_fmt));
+        fprintf(stderr, "media-decode: audio stream %d: %s %d Hz %d ch %s -> %d Hz %d ch %s%s%s\n",
+                info.kind_index, info.codec_name.c_str(), info.sample_rate, info.channels,
+                in_fmt != nullptr ? in_fmt : "?",
+                effective_out_sample_rate(setup.audio.out_sample_rate), setup.audio.out_channels,
+                opt.sample_fmt.c_str(), where, socket);
     }
     if (opt.md5) {
         printf("#%s stream %d: %s\n#packet, status, size, pts, md5\n",
                info.video ? "video" : "audio", info.kind_index, info.codec_name.c_str());
     }
+}
 
-    Payload payload, local_payload;
-    if (!info.video) {
-        payload.set_audio_layout(out_channels, out_sample, info.frame_size);
-        local_payload.set_audio_layout(out_channels, out_sample, info.frame_size);
+struct Tally {
+    long packets = 0, outputs = 0, need_more = 0, failed = 0;
+    long mismatch_at = -1;  // first packet whose answers differ (--verify), -1 when none
+    std::string mismatch_text;
+};
+
+// The decode loop: every packet through the service and the model, compared, counted and
+// written.
+class DecodeLoop {
+  public:
+    DecodeLoop(const Options& opt, const Input& input, const Setup& setup, Service* service,
+               Model* model, FILE* out)
+        : opt_(opt),
+          service_(service),
+          model_(model),
+          out_(out),
+          progress_(!opt.quiet && isatty(STDERR_FILENO), input.info.duration_us,
+                    input.file.file_size()) {
+        if (!input.info.video) {
+            const mediaclient::AudioInitParams& a = setup.audio;
+            payload_.set_audio_layout(a.out_channels, a.out_sample_fmt, input.info.frame_size);
+            model_payload_.set_audio_layout(a.out_channels, a.out_sample_fmt,
+                                            input.info.frame_size);
+        }
     }
 
-    // ---- decode ----
-    const bool progress_on = !opt.quiet && isatty(STDERR_FILENO);
-    Progress progress(progress_on, info.duration_us, file.file_size());
-    long packets = 0, outputs = 0, need_more = 0, failed = 0;
-    long mismatch_at = -1;
-    std::string mismatch_text;
-    const auto start = std::chrono::steady_clock::now();
-    Packet packet;
-    while ((opt.max_packets < 0 || packets < opt.max_packets) && file.next(&packet)) {
-        const int size = static_cast<int>(packet.data.size());
+    // Returns the wall time.
+    double run(MediaFile& file) {
+        const auto start = std::chrono::steady_clock::now();
+        Packet packet;
+        while ((opt_.max_packets < 0 || tally_.packets < opt_.max_packets) && file.next(&packet)) {
+            step(packet);
+        }
+        progress_.clear();
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    }
+
+    const Tally& tally() const { return tally_; }
+
+  private:
+    void step(const Packet& packet) {
         if (packet.data.size() > SHM_AREA_SIZE) {
-            progress.clear();
-            fail(kExitError, "packet %ld has %zu bytes, more than the input area holds", packets,
+            stop("packet %ld has %zu bytes, more than the input area holds", tally_.packets,
                  packet.data.size());
         }
         Answer answer;
         const uint8_t* area = nullptr;
-        if (use_service) {
-            ExchangeResult r{};
-            auto e = client.decode_frame(packet.data.data(), packet.data.size(), packet.pts_us, &r,
-                                         opt.timeout_ms);
-            if (e != mediaclient::ClientError::kOk) {
-                progress.clear();
-                fail(kExitError, "packet %ld: %s", packets,
-                     client_error(client, e, opt.timeout_ms).c_str());
-            }
-            answer = Answer{r.status, r.output_size, r.output_pts};
-            if (answer.size > SHM_AREA_SIZE) {
-                progress.clear();
-                fail(kExitError, "packet %ld: the service reports %u output bytes", packets,
-                     answer.size);
-            }
-            area = client.output();
+        if (!opt_.in_process) {
+            answer = ask_service(packet);
+            area = service_->client.output();
         }
-        if (local_video || local_audio) {
-            Answer local = local_video
-                               ? local_video->decode(packet.data.data(), size, packet.pts_us)
-                               : local_audio->decode(packet.data.data(), size, packet.pts_us);
-            const uint8_t* local_area = local_video ? local_video->output() : local_audio->output();
-            if (!use_service) {
+        if (model_->open()) {
+            const Answer local = model_->decode(packet);
+            if (opt_.in_process) {
                 answer = local;
-                area = local_area;
-            } else if (mismatch_at < 0) {
-                const uint8_t* a = payload.get(area, answer.size);
-                const uint8_t* b = local_payload.get(local_area, local.size);
-                if (!(answer == local) || memcmp(a, b, answer.size) != 0) {
-                    mismatch_at = packets;
-                    mismatch_text =
-                        "service: " + describe(answer, a) + "; in-process: " + describe(local, b);
-                }
+                area = model_->output();
+            } else {
+                compare(answer, area, local, model_->output());
             }
         }
-
-        if (answer.status == STATUS_OK && answer.size > 0) {
-            ++outputs;
-        } else if (answer.status == STATUS_NEED_MORE_DATA) {
-            ++need_more;
-        } else if (answer.status == STATUS_FAILED) {
-            ++failed;
-        }
-        const uint8_t* bytes = payload.get(area, answer.size);
-        if (opt.md5) {
-            printf("%ld, %d, %u, %" PRId64 ", %s\n", packets, answer.status, answer.size,
-                   answer.pts, answer.size > 0 ? md5_hex(bytes, answer.size).c_str() : "-");
-        } else if (out != nullptr && answer.size > 0) {
-            if (fwrite(bytes, 1, answer.size, out) != answer.size) {
-                progress.clear();
-                fail(kExitError, "writing %s: %s", opt.out_path.c_str(), strerror(errno));
-            }
-        }
-        ++packets;
-        progress.update(outputs, packet);
+        count(answer);
+        write(answer, payload_.get(area, answer.size));
+        ++tally_.packets;
+        progress_.update(tally_.outputs, packet);
     }
-    const double wall =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    progress.clear();
-    if (file.read_error() && !opt.quiet) {
+
+    Answer ask_service(const Packet& packet) {
+        ExchangeResult r{};
+        auto e = service_->client.decode_frame(packet.data.data(), packet.data.size(),
+                                               packet.pts_us, &r, opt_.timeout_ms);
+        if (e != mediaclient::ClientError::kOk) {
+            stop("packet %ld: %s", tally_.packets,
+                 client_error(service_->client, e, opt_.timeout_ms).c_str());
+        }
+        if (r.output_size > SHM_AREA_SIZE) {
+            stop("packet %ld: the service reports %u output bytes", tally_.packets, r.output_size);
+        }
+        return answer_of(r);
+    }
+
+    // Keeps the first difference only.
+    void compare(const Answer& answer, const uint8_t* area, const Answer& local,
+                 const uint8_t* local_area) {
+        if (tally_.mismatch_at >= 0) {
+            return;
+        }
+        const uint8_t* a = payload_.get(area, answer.size);
+        const uint8_t* b = model_payload_.get(local_area, local.size);
+        if (!(answer == local) || memcmp(a, b, answer.size) != 0) {
+            tally_.mismatch_at = tally_.packets;
+            tally_.mismatch_text =
+                "service: " + describe(answer, a) + "; in-process: " + describe(local, b);
+        }
+    }
+
+    void count(const Answer& answer) {
+        if (answer.status == STATUS_OK && answer.size > 0) {
+            ++tally_.outputs;
+        } else if (answer.status == STATUS_NEED_MORE_DATA) {
+            ++tally_.need_more;
+        } else if (answer.status == STATUS_FAILED) {
+            ++tally_.failed;
+        }
+    }
+
+    void write(const Answer& answer, const uint8_t* bytes) {
+        if (opt_.md5) {
+            printf("%ld, %d, %u, %" PRId64 ", %s\n", tally_.packets, answer.status, answer.size,
+                   answer.pts, answer.size > 0 ? md5_hex(bytes, answer.size).c_str() : "-");
+        } else if (out_ != nullptr && answer.size > 0 &&
+                   fwrite(bytes, 1, answer.size, out_) != answer.size) {
+            stop("writing %s: %s", opt_.out_path.c_str(), strerror(errno));
+        }
+    }
+
+    // Fails with the progress line cleared.
+    [[noreturn]] void stop(const char* fmt, ...) {
+        progress_.clear();
+        va_list ap;
+        va_start(ap, fmt);
+        print_error(fmt, ap);
+        va_end(ap);
+        exit(kExitError);
+    }
+
+    const Options& opt_;
+    Service* service_;
+    Model* model_;
+    FILE* out_;
+    Progress progress_;
+    Payload payload_, model_payload_;
+    Tally tally_;
+};
+
+// The summary and the verdict of --verify; returns the exit status.
+int finish(const Options& opt, const Input& input, FILE* out, const Tally& t, double wall) {
+    if (input.file.read_error() && !opt.quiet) {
         fprintf(stderr, "media-decode: read error in %s; stopped after %ld packets\n",
-                opt.file.c_str(), packets);
+                opt.file.c_str(), t.packets);
     }
     if (out != nullptr && out != stdout && fclose(out) != 0) {
         fail(kExitError, "writing %s: %s", opt.out_path.c_str(), strerror(errno));
     }
     fflush(stdout);
-
     if (!opt.quiet) {
         fprintf(stderr,
                 "media-decode: %ld packets, %ld outputs, %ld need more data, %ld failed; "
                 "%.2f s, %.1f outputs/s\n",
-                packets, outputs, need_more, failed, wall, wall > 0 ? outputs / wall : 0.0);
+                t.packets, t.outputs, t.need_more, t.failed, wall,
+                wall > 0 ? t.outputs / wall : 0.0);
     }
-    if (opt.verify) {
-        if (mismatch_at >= 0) {
-            fprintf(stderr, "media-decode: verify: first difference at packet %ld: %s\n",
-                    mismatch_at, mismatch_text.c_str());
-            return kExitMismatch;
-        }
-        if (!opt.quiet) {
-            fprintf(stderr, "media-decode: verify: all %ld answers equal in-process decoding\n",
-                    packets);
-        }
+    if (!opt.verify) {
+        return 0;
+    }
+    if (t.mismatch_at >= 0) {
+        fprintf(stderr, "media-decode: verify: first difference at packet %ld: %s\n", t.mismatch_at,
+                t.mismatch_text.c_str());
+        return kExitMismatch;
+    }
+    if (!opt.quiet) {
+        fprintf(stderr, "media-decode: verify: all %ld answers equal in-process decoding\n",
+                t.packets);
     }
     return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const Options opt = parse_options(argc, argv);
+    av_log_set_level(AV_LOG_ERROR);
+    if (opt.probe) {
+        print_probe(probe_host(), stdout);
+        return 0;
+    }
+    Input input;
+    open_input(opt, &input);
+    const Setup setup = output_format(opt, input.info);
+    Service service;
+    service.socket_path = opt.socket.empty() ? mediaclient::default_socket_path() : opt.socket;
+    if (!opt.in_process) {
+        set_up_service(opt, input, setup, &service);
+    }
+    Model model;
+    if (opt.verify || opt.in_process) {
+        open_model(input, setup, &model);
+    }
+    FILE* out = open_output(opt);
+    announce(opt, input.info, setup, service.socket_path);
+
+    DecodeLoop loop(opt, input, setup, &service, &model, out);
+    const double wall = loop.run(input.file);
+    return finish(opt, input, out, loop.tally(), wall);
 }
