@@ -239,18 +239,6 @@ void init_video(mediaclient::DecoderClient& client, const Stream& clip, int pix_
     }
 }
 
-// Decodes `count` packets through the service; returns the pictures delivered.
-long service_video_pass(mediaclient::DecoderClient& client, const Stream& clip, size_t count) {
-    long outputs = 0;
-    ExchangeResult r{};
-    for (size_t i = 0; i < count && i < clip.packets.size(); ++i) {
-        const Packet& p = clip.packets[i];
-        check(client.decode_frame(p.data.data(), p.data.size(), p.pts_us, &r), "decode");
-        outputs += r.status == STATUS_OK && r.output_size > 0;
-    }
-    return outputs;
-}
-
 void open_local(LocalVideoDecoder& decoder, const Stream& clip, int pix_fmt,
                 LocalVideoDecoder::Output mode) {
     std::string error;
@@ -258,6 +246,35 @@ void open_local(LocalVideoDecoder& decoder, const Stream& clip, int pix_fmt,
                       &error)) {
         die("in-process decoder: %s", error.c_str());
     }
+}
+
+// Decodes one packet, through the service or in-process, and returns the answer.
+using DecodeOne = std::function<Answer(const Packet& packet)>;
+
+DecodeOne through_service(mediaclient::DecoderClient& client) {
+    return [&client](const Packet& p) {
+        ExchangeResult r{};
+        check(client.decode_frame(p.data.data(), p.data.size(), p.pts_us, &r), "decode");
+        return answer_of(r);
+    };
+}
+
+// The decoder is looked up per packet: contenders replace it when they start the clip again.
+template <typename Decoder>
+DecodeOne in_process(const std::unique_ptr<Decoder>& decoder) {
+    return [&decoder](const Packet& p) {
+        return decoder->decode(p.data.data(), static_cast<int>(p.data.size()), p.pts_us);
+    };
+}
+
+// Decodes packets [from, to) of the clip; returns the answers that delivered output.
+long count_outputs(const Stream& clip, size_t from, size_t to, const DecodeOne& decode) {
+    long outputs = 0;
+    for (size_t i = from; i < std::min(to, clip.packets.size()); ++i) {
+        const Answer a = decode(clip.packets[i]);
+        outputs += a.status == STATUS_OK && a.size > 0;
+    }
+    return outputs;
 }
 
 // ---- the table ----
@@ -333,7 +350,7 @@ void bench_memory(Service& s, const Stream& clip) {
 
     for (auto& c : clients) {
         init_video(*c, clip, AV_PIX_FMT_YUV420P);
-        service_video_pass(*c, clip, 10);
+        count_outputs(clip, 0, 10, through_service(*c));
     }
     Rss decoding = read_rss(s.pid);
     const double per_client = double(decoding.total - idle.total) / kClients / 1024.0;
@@ -552,15 +569,8 @@ Contender service_video(Service& s, mediaclient::DecoderClient& client, const St
                         int pix_fmt) {
     Contender c;
     c.reset = [&client, &clip, pix_fmt] { init_video(client, clip, pix_fmt); };
-    c.run = [&client, &clip](size_t from, size_t to) {
-        long outputs = 0;
-        ExchangeResult r{};
-        for (size_t i = from; i < to; ++i) {
-            const Packet& p = clip.packets[i];
-            check(client.decode_frame(p.data.data(), p.data.size(), p.pts_us, &r), "decode");
-            outputs += r.status == STATUS_OK && r.output_size > 0;
-        }
-        return outputs;
+    c.run = [&clip, decode = through_service(client)](size_t from, size_t to) {
+        return count_outputs(clip, from, to, decode);
     };
     const pid_t pid = s.pid;
     c.cpu = [pid] { return process_cpu(pid) + thread_cpu(); };
@@ -574,14 +584,8 @@ Contender local_video(std::unique_ptr<LocalVideoDecoder>& decoder, const Stream&
         decoder.reset(new LocalVideoDecoder());
         open_local(*decoder, clip, pix_fmt, mode);
     };
-    c.run = [&decoder, &clip](size_t from, size_t to) {
-        long outputs = 0;
-        for (size_t i = from; i < to; ++i) {
-            const Packet& p = clip.packets[i];
-            Answer a = decoder->decode(p.data.data(), static_cast<int>(p.data.size()), p.pts_us);
-            outputs += a.status == STATUS_OK && a.size > 0;
-        }
-        return outputs;
+    c.run = [&clip, decode = in_process(decoder)](size_t from, size_t to) {
+        return count_outputs(clip, from, to, decode);
     };
     c.cpu = thread_cpu;
     return c;
@@ -695,6 +699,7 @@ class Team {
 struct Level {
     std::vector<std::unique_ptr<mediaclient::DecoderClient>> clients;
     std::vector<std::unique_ptr<LocalVideoDecoder>> decoders;
+    std::vector<DecodeOne> members;  // how each member of the team decodes
     std::unique_ptr<Team> team;
     Contender contender;
 };
@@ -727,23 +732,14 @@ void make_level(Level* level, Service* s, const Stream& clip, int n) {
         };
         c.cpu = own_process_cpu;
     }
+    for (auto& client : level->clients) {
+        level->members.push_back(through_service(*client));
+    }
+    for (auto& decoder : level->decoders) {
+        level->members.push_back(in_process(decoder));
+    }
     level->team.reset(new Team(n, [level, &clip](int member, size_t from, size_t to) {
-        long outputs = 0;
-        for (size_t i = from; i < to; ++i) {
-            const Packet& p = clip.packets[i];
-            if (!level->clients.empty()) {
-                ExchangeResult r{};
-                check(level->clients[member]->decode_frame(p.data.data(), p.data.size(), p.pts_us,
-                                                           &r),
-                      "decode");
-                outputs += r.status == STATUS_OK && r.output_size > 0;
-            } else {
-                Answer a = level->decoders[member]->decode(
-                    p.data.data(), static_cast<int>(p.data.size()), p.pts_us);
-                outputs += a.status == STATUS_OK && a.size > 0;
-            }
-        }
-        return outputs;
+        return count_outputs(clip, from, to, level->members[member]);
     }));
     c.run = [level](size_t from, size_t to) { return level->team->run(from, to); };
 }
@@ -804,15 +800,8 @@ void bench_audio(Service& s, const Stream& clip, int runs) {
             die("the service could not set up the audio decoder");
         }
     };
-    service.run = [&](size_t from, size_t to) {
-        ExchangeResult r{};
-        long outputs = 0;
-        for (size_t i = from; i < to; ++i) {
-            const Packet& pk = clip.packets[i];
-            check(client.decode_frame(pk.data.data(), pk.data.size(), pk.pts_us, &r), "decode");
-            outputs += r.status == STATUS_OK;
-        }
-        return outputs;
+    service.run = [&clip, decode = through_service(client)](size_t from, size_t to) {
+        return count_outputs(clip, from, to, decode);
     };
     const pid_t pid = s.pid;
     service.cpu = [pid] { return process_cpu(pid) + thread_cpu(); };
@@ -825,15 +814,8 @@ void bench_audio(Service& s, const Stream& clip, int runs) {
             die("in-process audio decoder: %s", error.c_str());
         }
     };
-    local.run = [&](size_t from, size_t to) {
-        long outputs = 0;
-        for (size_t i = from; i < to; ++i) {
-            const Packet& pk = clip.packets[i];
-            Answer a =
-                local_decoder->decode(pk.data.data(), static_cast<int>(pk.data.size()), pk.pts_us);
-            outputs += a.status == STATUS_OK;
-        }
-        return outputs;
+    local.run = [&clip, decode = in_process(local_decoder)](size_t from, size_t to) {
+        return count_outputs(clip, from, to, decode);
     };
     local.cpu = thread_cpu;
 
