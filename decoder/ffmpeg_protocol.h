@@ -7,6 +7,26 @@
 #include "decoder/exchange_block.h"
 #include "decoder/ffmpeg_compat.h"
 
+// Format numbers from a client's request as FFmpeg enumerators. A number beyond either end of the
+// enumeration would make an enum hold a value it cannot represent (undefined behaviour); it
+// becomes the nearest invalid value past that end instead, which FFmpeg refuses exactly as it
+// refuses the original number.
+template <typename Format>
+Format format_from(int value, Format none, Format count) {
+    if (value < none) {
+        return static_cast<Format>(none - 1);
+    }
+    return value < count ? static_cast<Format>(value) : count;
+}
+
+inline AVPixelFormat pixel_format_from(int value) {
+    return format_from(value, AV_PIX_FMT_NONE, AV_PIX_FMT_NB);
+}
+
+inline AVSampleFormat sample_format_from(int value) {
+    return format_from(value, AV_SAMPLE_FMT_NONE, AV_SAMPLE_FMT_NB);
+}
+
 // Output pixel formats outside FFmpeg 4's enumeration (187 formats), negative ones included, mean
 // yuv420p, so that a client gets the same picture on every FFmpeg version.
 constexpr uint32_t OUT_PIX_FMT_LIMIT = 187;

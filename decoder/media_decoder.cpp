@@ -386,10 +386,6 @@ void MediaDecoder::codec_config() {
 // format it has (for audio, as last decoded) and no configuration bytes. The setup's own result
 // is not used: the result area ends up zero and the worker goes on serving. A state left without
 // a codec by an earlier failed setup has nothing to rebuild and is kept as it is.
-// Rebuilds the decoder of the media type in use for a new output, with the codec and the input
-// format it has (for audio, as last decoded) and no configuration bytes. The setup's own result
-// is not used: the result area ends up zero and the worker goes on serving. A state left without
-// a codec by an earlier failed setup has nothing to rebuild and is kept as it is.
 void MediaDecoder::reset_context() {
     LOGD("reset context");
     if (media_type == MEDIA_TYPE_VIDEO && video_ctx && video_ctx->sw_codec_ctx) {

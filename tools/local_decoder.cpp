@@ -21,25 +21,6 @@ std::string av_error(int err) {
     return text;
 }
 
-// A format number from a request as an FFmpeg enumerator. Past either end it becomes the nearest
-// invalid value, as in the service: FFmpeg refuses it alike, and the enum never holds a value it
-// cannot represent.
-template <typename Format>
-Format format_from(int value, Format none, Format count) {
-    if (value < none) {
-        return static_cast<Format>(none - 1);
-    }
-    return value < count ? static_cast<Format>(value) : count;
-}
-
-AVPixelFormat pixel_format_from(int value) {
-    return format_from(value, AV_PIX_FMT_NONE, AV_PIX_FMT_NB);
-}
-
-AVSampleFormat sample_format_from(int value) {
-    return format_from(value, AV_SAMPLE_FMT_NONE, AV_SAMPLE_FMT_NB);
-}
-
 bool size_fits_area(int size) {
     return size > 0 && static_cast<size_t>(size) <= SHM_AREA_SIZE;
 }
