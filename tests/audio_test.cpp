@@ -1,0 +1,255 @@
+// Audio through the daemon against the in-process model, for every codec of the table that the
+// ffmpeg command line here can encode, into packed and planar formats: every answer, timestamp
+// and sample; garbage; format changes; formats nothing can honour; frames too long for the area.
+
+#include <climits>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+extern "C" {
+#include <libavutil/samplefmt.h>
+}
+
+#include "support/support.h"
+
+using namespace mediaclient;
+using mediatools::LocalAudioDecoder;
+
+namespace {
+
+constexpr int kWaitMs = 20000;
+const std::string kStereo44k =
+    "-f lavfi -i 'aevalsrc=0.5*sin(440*2*PI*t)|0.3*sin(660*2*PI*t):s=44100:d=1'";
+const std::string kStereo48k =
+    "-f lavfi -i 'aevalsrc=0.6*sin(440*2*PI*t)|0.4*sin(660*2*PI*t):s=48000:d=1'";
+const std::string kSurround48k =
+    "-f lavfi -i 'aevalsrc=sin(440*2*PI*t)|sin(550*2*PI*t)|sin(660*2*PI*t)|0.3*sin(60*2*PI*t)|"
+    "0.5*sin(770*2*PI*t)|0.5*sin(880*2*PI*t):s=48000:d=1:c=5.1'";
+
+class Audio : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_TRUE(daemon.start());
+        ASSERT_EQ(c.connect_posix(daemon.socket_path()), ClientError::kOk);
+    }
+    // Sets up the service and the model alike; the service's answer status.
+    int32_t init(const Clip& s, const AudioInitParams& p, bool with_config = true) {
+        ExchangeResult r{};
+        EXPECT_EQ(c.init_audio(s.codec_index(), p, with_config ? s.info.extradata.data() : nullptr,
+                               s.info.extradata.size(), &r, kWaitMs),
+                  ClientError::kOk);
+        std::string error;
+        const bool opened = model.open(
+            s.info.codec_id, p, with_config ? s.info.extradata : std::vector<uint8_t>{}, &error);
+        EXPECT_EQ(opened, r.status == STATUS_OK) << error;
+        return r.status;
+    }
+    // A packet through both, compared; the service's answer.
+    ExchangeResult decode(const std::vector<uint8_t>& p, int64_t pts) {
+        ExchangeResult r{};
+        EXPECT_EQ(c.decode_frame(p.data(), p.size(), pts, &r, kWaitMs), ClientError::kOk);
+        const mediatools::Answer want = model.decode(p.data(), int(p.size()), pts);
+        EXPECT_EQ(
+            differs(r, c.output(), want, model.output(), model.plane_offsets(), model.plane_size()),
+            "");
+        return r;
+    }
+    // Packets [first, last) of `s`; how many gave output.
+    int decode(const Clip& s, size_t first, size_t last) {
+        int outputs = 0;
+        for (size_t i = first; i < last && !HasFailure(); ++i) {
+            outputs += decode(s.packets[i].data, 1000 + int64_t(i) * 23219).status == STATUS_OK;
+        }
+        return outputs;
+    }
+
+    Daemon daemon;
+    DecoderClient c;
+    LocalAudioDecoder model;
+};
+
+struct Codec {
+    const char* name;
+    const char* encoder;
+    const char* file;
+    std::string args;
+    int32_t out_fmt, out_channels, out_rate;  // a rate of 0 or less: 44100
+    bool decoder_picks_rate;                  // an input sample rate of 0
+    bool opens;  // WMA decoders need a block alignment that no init request carries
+};
+
+const Codec kCodecs[] = {
+    {"aac", "aac", "a.m4a", kStereo44k + " -c:a aac", AV_SAMPLE_FMT_S16, 2, 44100, false, true},
+    {"mp3", "libmp3lame", "a.mp3", kStereo44k + " -c:a libmp3lame", AV_SAMPLE_FMT_FLTP, 2, 48000,
+     true, true},
+    {"flac", "flac", "a.flac", kStereo44k + " -c:a flac -frame_size 1000", AV_SAMPLE_FMT_S16P, 2,
+     44100, false, true},
+    {"opus", "libopus", "a.opus.ogg", kStereo48k + " -c:a libopus", AV_SAMPLE_FMT_S16, 2, 48000,
+     false, true},
+    {"vorbis", "libvorbis", "a.ogg", kStereo44k + " -c:a libvorbis", AV_SAMPLE_FMT_FLT, 1, 22050,
+     false, true},
+    {"ac3", "ac3", "a.ac3", kSurround48k + " -c:a ac3", AV_SAMPLE_FMT_S16, 2, 48000, false, true},
+    {"mp2", "mp2", "a.mp2", kStereo44k + " -c:a mp2", AV_SAMPLE_FMT_S32P, 2, 0, false, true},
+    {"alac", "alac", "a.alac.m4a", kStereo44k + " -c:a alac", AV_SAMPLE_FMT_S16, 2, -1, false,
+     true},
+    {"wmav2", "wmav2", "a.wma", kStereo44k + " -c:a wmav2", AV_SAMPLE_FMT_FLTP, 2, 48000, false,
+     false},
+    {"dts", "dca", "a.dts", kStereo48k + " -strict -2 -c:a dca", AV_SAMPLE_FMT_DBL, 2, 44100, false,
+     true},
+};
+
+class AudioCodec : public Audio, public ::testing::WithParamInterface<Codec> {};
+
+// The whole stream against the model, with garbage, cut and damaged packets in the middle
+// (answered as the model answers them: decoders that conceal errors give output for some) and a
+// flush after them; one resampler while the stream keeps its format.
+TEST_P(AudioCodec, MatchesTheModelThroughGarbage) {
+    const Codec& k = GetParam();
+    if (!have_encoder(k.encoder)) {
+        GTEST_SKIP() << "ffmpeg here has no " << k.encoder;
+    }
+    const Clip& s = clip(k.file, k.args, false);
+    AudioInitParams p =
+        mediatools::audio_init_params(s.info, k.out_fmt, k.out_channels, k.out_rate);
+    p.in_sample_rate = k.decoder_picks_rate ? 0 : p.in_sample_rate;
+    if (!k.opens) {
+        EXPECT_EQ(init(s, p), STATUS_FAILED);
+        EXPECT_TRUE(log_has(daemon.log(), "ERROR", "audio decoder open failed"));
+        return;
+    }
+    ASSERT_EQ(init(s, p), STATUS_OK);
+    const size_t half = s.packets.size() / 2;
+    EXPECT_GT(decode(s, 0, half), 0);
+    EXPECT_EQ(model.resampler_builds(), 1);
+    std::mt19937 rng(12345);
+    const std::vector<uint8_t>& real = s.packets[half].data;
+    std::vector<std::vector<uint8_t>> bad = {
+        {real.begin(), real.begin() + long(real.size() / 2)},
+        {real.begin(), real.begin() + long(std::min<size_t>(4, real.size()))},
+        real};
+    for (size_t i = real.size() / 4; i < real.size(); i += 3) {
+        bad.back()[i] ^= 0x5a;
+    }
+    for (size_t size : {1u, 7u, 200u, 5000u}) {
+        bad.emplace_back(size);
+        for (auto& b : bad.back()) {
+            b = uint8_t(rng());
+        }
+    }
+    for (const auto& b : bad) {
+        decode(b, 7);
+    }
+    ASSERT_EQ(c.flush(kWaitMs), ClientError::kOk);
+    model.flush();
+    EXPECT_GT(decode(s, half, s.packets.size()), 0);
+    // Garbage may decode to another layout: the service rebuilt when the model did.
+    EXPECT_EQ(daemon.count("freeing SW resample context"), size_t(model.resampler_builds() - 1));
+}
+
+INSTANTIATE_TEST_SUITE_P(Codecs, AudioCodec, ::testing::ValuesIn(kCodecs),
+                         [](const ::testing::TestParamInfo<Codec>& info) {
+                             return std::string(info.param.name);
+                         });
+
+// Stereo 44100 Hz AAC (1024 samples a frame) to packed s16: 4096 bytes, the request's pts plus the
+// frame's duration; near the end of the range the sum wraps.
+TEST_F(Audio, OutputSizeAndTimestampOfOneFrame) {
+    const Clip& s = clip(kCodecs[0].file, kCodecs[0].args, false);
+    ASSERT_EQ(init(s, mediatools::audio_init_params(s.info, AV_SAMPLE_FMT_S16, 2, 44100)),
+              STATUS_OK);
+    const ExchangeResult r = decode(s.packets[0].data, 1000);
+    EXPECT_EQ(r.output_size, 4096u);
+    EXPECT_EQ(r.output_pts, 24219);
+    EXPECT_TRUE(log_has(daemon.log(), "DEBUG", "audio frames: 1024, frame size: 4096, pts: 24219"));
+    EXPECT_EQ(decode(s.packets[1].data, INT64_MAX - 5).output_pts, INT64_MIN + 23219 - 6);
+}
+
+// Two MP2 streams of other rates and channel counts back to back: the resampler is rebuilt at the
+// change, and a reset then rebuilds the decoder for the format last decoded.
+TEST_F(Audio, FormatChangeRebuildsTheResamplerAndResetFollowsIt) {
+    Clip both = clip("a44.mp2", "-f lavfi -i sine=sample_rate=44100:d=0.5 -ac 2 -c:a mp2", false);
+    const Clip& b =
+        clip("b48.mp2", "-f lavfi -i sine=sample_rate=48000:d=0.5 -ac 1 -c:a mp2", false);
+    const size_t split = both.packets.size() + b.packets.size() / 2;
+    both.packets.insert(both.packets.end(), b.packets.begin(), b.packets.end());
+    ASSERT_EQ(init(both, mediatools::audio_init_params(both.info, AV_SAMPLE_FMT_S16, 2, 44100)),
+              STATUS_OK);
+    decode(both, 0, split);
+    // MP2 reports the new channel count one frame before the new rate: two changes.
+    EXPECT_GE(model.resampler_builds(), 3);
+    EXPECT_EQ(daemon.count("freeing SW resample context"), size_t(model.resampler_builds() - 1));
+    ASSERT_EQ(c.reset_audio(AV_SAMPLE_FMT_FLTP, 2, 32000, kWaitMs), ClientError::kOk);
+    ASSERT_TRUE(model.reset(AV_SAMPLE_FMT_FLTP, 2, 32000));
+    EXPECT_GT(decode(both, split, both.packets.size()), 0);
+}
+
+// Setup parameters no decoder or resampler can honour are answered alike by both and never crash.
+TEST_F(Audio, FormatsNothingCanHonourAreAnswered) {
+    const Clip& s = clip(kCodecs[6].file, kCodecs[6].args, false);
+    const std::vector<std::array<int32_t, 6>> hostile = {
+        {-5, 2, 44100, AV_SAMPLE_FMT_S16, 2, 44100},
+        {1000, -3, -1, AV_SAMPLE_FMT_S16, 2, 44100},
+        {AV_SAMPLE_FMT_S16, 100000, INT_MAX, AV_SAMPLE_FMT_S16, 2, 44100},
+        {AV_SAMPLE_FMT_S16, 2, 44100, -1, 2, 44100},
+        {AV_SAMPLE_FMT_S16, 2, 44100, AV_SAMPLE_FMT_S16, 0, 44100},
+        {AV_SAMPLE_FMT_S16, 2, 44100, AV_SAMPLE_FMT_S16, -2, 44100},
+        {AV_SAMPLE_FMT_S16, 2, 44100, AV_SAMPLE_FMT_DBLP, 1000, 44100},
+        {AV_SAMPLE_FMT_S16, 2, 44100, AV_SAMPLE_FMT_S16, 2, 1},
+    };
+    for (const auto& h : hostile) {
+        SCOPED_TRACE(::testing::PrintToString(h));
+        const AudioInitParams p{h[0], h[1], h[2], h[3], h[4], h[5]};
+        c.close();  // a failed setup ends the worker: a new client each
+        ASSERT_EQ(c.connect_posix(daemon.socket_path()), ClientError::kOk);
+        if (init(s, p, false) == STATUS_OK) {
+            decode(s, 0, 4);
+        }
+    }
+}
+
+// ALAC lets a stream declare long frames. Converted to 16 channels of doubles, a frame of 200000
+// samples needs more than the output area: the request fails instead of writing past the block,
+// and an ordinary frame still converts.
+TEST_F(Audio, ConversionBeyondTheOutputAreaIsRefused) {
+    Clip s = clip("mono.m4a", "-f lavfi -i sine=sample_rate=44100:d=0.2 -ac 1 -c:a alac", false);
+    ASSERT_EQ(s.info.extradata.size(), 36u);
+    const uint32_t longest = 200000;
+    for (int k = 0; k < 4; ++k) {
+        s.info.extradata[12 + k] = uint8_t(longest >> (24 - 8 * k));  // the frame length
+    }
+    // One uncompressed mono frame of `samples` 16-bit samples, stating its own length.
+    auto frame = [](uint32_t samples) {
+        std::vector<uint8_t> bytes;
+        size_t bits = 0;
+        auto put = [&](uint32_t value, int count) {
+            for (int i = count - 1; i >= 0; --i, ++bits) {
+                if (bits % 8 == 0) {
+                    bytes.push_back(0);
+                }
+                bytes.back() |= uint8_t(((value >> i) & 1u) << (7 - bits % 8));
+            }
+        };
+        put(0, 3);   // single channel element
+        put(0, 16);  // instance tag and unused header bits
+        put(1, 1);   // the sample count is in the frame
+        put(0, 2);   // no extra bits
+        put(1, 1);   // not compressed
+        put(samples, 32);
+        for (uint32_t i = 0; i < samples; ++i) {
+            put((i * 37) & 0xffff, 16);
+        }
+        put(7, 3);  // end
+        return bytes;
+    };
+    ASSERT_EQ(init(s, mediatools::audio_init_params(s.info, AV_SAMPLE_FMT_DBLP, 16, 44100)),
+              STATUS_OK);
+    EXPECT_EQ(decode(frame(longest), 0).status, STATUS_FAILED);
+    EXPECT_TRUE(log_has(daemon.log(), "ERROR", "converted audio exceeds the output area"));
+    EXPECT_EQ(decode(frame(4096), 0).output_size, 4096u * 16 * 8);
+}
+
+}  // namespace

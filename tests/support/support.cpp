@@ -1,0 +1,432 @@
+#include "support/support.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "decoder/exchange_block.h"
+#include "tools/service_link.h"
+
+extern "C" {
+#include <libavutil/log.h>
+}
+
+extern char** environ;
+
+// The models and the demuxer meet garbage on purpose; FFmpeg's complaints would bury the output.
+static const int kQuietFFmpeg = (av_log_set_level(AV_LOG_QUIET), 0);
+
+bool wait_until(int timeout_ms, const std::function<bool()>& done) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+std::string read_file(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream content;
+    content << in.rdbuf();
+    return content.str();
+}
+
+bool remove_tree(const std::string& path) {
+    return system(("rm -rf '" + path + "'").c_str()) == 0;
+}
+
+TempDir::TempDir() {
+    char dir[] = "/tmp/svc-test-XXXXXX";
+    path = mkdtemp(dir) != nullptr ? dir : "";
+}
+
+TempDir::~TempDir() {
+    if (!path.empty() && !remove_tree(path)) {
+        fprintf(stderr, "could not remove %s\n", path.c_str());
+    }
+}
+
+namespace {
+
+int count_entries(const std::string& dir) {
+    DIR* d = opendir(dir.c_str());
+    int n = 0;
+    while (d != nullptr && readdir(d) != nullptr) {
+        ++n;
+    }
+    if (d != nullptr) {
+        closedir(d);
+    }
+    return n > 2 ? n - 2 : 0;  // without . and ..
+}
+
+long status_field(const std::string& status, const char* key) {
+    size_t at = status.find(key);
+    return at == std::string::npos ? 0 : atol(status.c_str() + at + strlen(key));
+}
+
+}  // namespace
+
+ProcStat proc_stat(pid_t pid) {
+    const std::string dir = "/proc/" + std::to_string(pid);
+    ProcStat s;
+    s.fds = count_entries(dir + "/fd");
+    s.threads = count_entries(dir + "/task");
+    const std::string status = read_file(dir + "/status");
+    s.rss_kb = status_field(status, "VmRSS:");
+    s.vm_kb = status_field(status, "VmSize:");
+    // utime and stime are fields 14 and 15; the command name before them may hold blanks.
+    const std::string stat = read_file(dir + "/stat");
+    size_t paren = stat.rfind(')');
+    if (paren != std::string::npos) {
+        std::istringstream fields(stat.substr(paren + 2));
+        std::string skip;
+        long utime = 0, stime = 0;
+        for (int i = 3; i < 14 && fields >> skip; ++i) {
+        }
+        fields >> utime >> stime;
+        s.cpu_ticks = utime + stime;
+    }
+    return s;
+}
+
+// ---- the daemon ----
+
+namespace {
+
+constexpr int kStartTimeoutMs = 10000;
+// Generous: a sanitizer build checks the whole heap for leaks at exit.
+constexpr int kStopTimeoutMs = 30000;
+
+int decode_status(int status) {
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+}  // namespace
+
+Daemon::Daemon() = default;
+Daemon::Daemon(Options options) : options_(std::move(options)) {}
+
+Daemon::~Daemon() {
+    if (pid_ > 0 && !reaped_) {
+        kill(pid_, SIGCONT);  // a test may have left it frozen
+        // A daemon on its way out (its session ended) has destroyed, or is about to destroy, its
+        // signal watchers; a SIGTERM then would kill it instead of being handled.
+        if (count("media server stopped, now quiting...") == 0) {
+            kill(pid_, SIGTERM);
+        }
+        const int status = wait_exit(kStopTimeoutMs);
+        if (status < 0) {
+            kill(pid_, SIGKILL);
+            waitpid(pid_, nullptr, 0);
+            ADD_FAILURE() << "the daemon did not stop on SIGTERM and was killed";
+        } else if (status != 0) {
+            const std::string text = log();
+            ADD_FAILURE() << "the daemon exited with status " << status << "; its log ends:\n"
+                          << text.substr(text.size() > 4000 ? text.size() - 4000 : 0);
+        }
+    }
+    if (!runtime_dir_.empty() && !remove_tree(runtime_dir_)) {
+        fprintf(stderr, "could not remove %s\n", runtime_dir_.c_str());
+    }
+}
+
+std::string Daemon::socket_path() const {
+    auto it = options_.env.find("XDG_RUNTIME_DIR");
+    if (it != options_.env.end()) {
+        return it->second + SOCKET_PATH_IN_RUNTIME_DIR;
+    }
+    if (options_.unset_xdg_runtime_dir) {
+        return "/run/user/" + std::to_string(geteuid()) + SOCKET_PATH_IN_RUNTIME_DIR;
+    }
+    return runtime_dir_ + SOCKET_PATH_IN_RUNTIME_DIR;
+}
+
+bool Daemon::start() {
+    char dir[] = "/tmp/svc-rt-XXXXXX";
+    if (pid_ > 0 || mkdtemp(dir) == nullptr) {
+        return false;
+    }
+    runtime_dir_ = dir;
+    if (options_.create_socket_dir) {
+        mkdir((runtime_dir_ + "/vessa").c_str(), 0700);
+        mkdir((runtime_dir_ + "/vessa/sockets").c_str(), 0700);
+    }
+    // Everything the child needs is made here: between fork and exec only async-signal-safe
+    // calls are allowed, since other threads of the test may hold locks.
+    std::map<std::string, std::string> env;
+    for (char** e = environ; *e != nullptr; ++e) {
+        const char* eq = strchr(*e, '=');
+        if (eq != nullptr) {
+            env[std::string(*e, static_cast<size_t>(eq - *e))] = eq + 1;
+        }
+    }
+    env.erase("LD_PRELOAD");
+    env["XDG_RUNTIME_DIR"] = runtime_dir_;
+    if (options_.unset_xdg_runtime_dir) {
+        env.erase("XDG_RUNTIME_DIR");
+    }
+    if (options_.preload_hooks) {
+        env["LD_PRELOAD"] = SVC_TESTHOOKS_LIB;
+    }
+    for (const auto& kv : options_.env) {
+        env[kv.first] = kv.second;
+    }
+    std::vector<std::string> strings;
+    for (const auto& kv : env) {
+        strings.push_back(kv.first + "=" + kv.second);
+    }
+    std::vector<char*> envp;
+    for (auto& s : strings) {
+        envp.push_back(&s[0]);
+    }
+    envp.push_back(nullptr);
+    char* const argv[] = {const_cast<char*>(MEDIA_SERVICE_BIN), nullptr};
+    const char* cwd = options_.cwd.empty() ? nullptr : options_.cwd.c_str();
+    const std::string log_path = runtime_dir_ + "/daemon.log";
+    int log_fd = open(options_.log ? log_path.c_str() : "/dev/null",
+                      O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    int null_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (!options_.preload_hooks) {
+        // The real daemon() orphans the service; it must come back to us to be reaped.
+        prctl(PR_SET_CHILD_SUBREAPER, 1);
+    }
+    pid_t child = fork();
+    if (child == 0) {
+        dup2(null_fd, STDIN_FILENO);
+        dup2(log_fd, STDOUT_FILENO);
+        dup2(log_fd, STDERR_FILENO);
+        sigset_t none;
+        sigemptyset(&none);
+        sigprocmask(SIG_SETMASK, &none, nullptr);
+        umask(options_.umask_value);
+        if (cwd != nullptr && chdir(cwd) != 0) {
+            _exit(126);
+        }
+        execve(MEDIA_SERVICE_BIN, argv, envp.data());
+        _exit(127);
+    }
+    close(log_fd);
+    close(null_fd);
+    if (child < 0) {
+        return false;
+    }
+    pid_ = child;
+    if (options_.preload_hooks) {
+        return wait_log("starting media service...", 1, kStartTimeoutMs) && running();
+    }
+    // daemon() returns in the parent at once; the service runs on in the forked child, whose
+    // pid the socket's peer credentials tell.
+    int status = 0;
+    if (waitpid(child, &status, 0) != child || decode_status(status) != 0) {
+        reaped_ = true;
+        return false;
+    }
+    pid_t service = -1;
+    wait_until(kStartTimeoutMs, [&] {
+        int fd = mediaclient::connect_service(socket_path());
+        service = fd >= 0 ? mediatools::peer_pid(fd) : -1;
+        close(fd);
+        return service > 0;
+    });
+    pid_ = service;
+    return service > 0;
+}
+
+std::string Daemon::log() const {
+    return read_file(runtime_dir_ + "/daemon.log");
+}
+
+size_t Daemon::count(const std::string& needle) const {
+    const std::string text = log();
+    size_t n = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
+        ++n;
+    }
+    return n;
+}
+
+bool Daemon::wait_log(const std::string& needle, size_t occurrences, int timeout_ms) const {
+    return wait_until(timeout_ms, [&] { return count(needle) >= occurrences; });
+}
+
+void Daemon::signal(int sig) const {
+    if (pid_ > 0 && !reaped_) {
+        kill(pid_, sig);
+    }
+}
+
+int Daemon::wait_exit(int timeout_ms) {
+    wait_until(timeout_ms, [this] { return !running(); });
+    return reaped_ ? status_ : -1;
+}
+
+bool Daemon::running() {
+    if (pid_ <= 0 || reaped_) {
+        return false;
+    }
+    int status = 0;
+    pid_t r = waitpid(pid_, &status, WNOHANG);
+    if (r == pid_ || r < 0) {
+        reaped_ = true;
+        status_ = r == pid_ ? decode_status(status) : -1;
+    }
+    return !reaped_;
+}
+
+bool Daemon::barrier() const {
+    int fd = mediaclient::connect_service(socket_path());
+    int null_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    // Client type 0 is refused, and the refusal closes the connection from a later callback.
+    bool ok =
+        fd >= 0 && send_type_msg(fd, 0, "", {null_fd}) >= 0 && mediaclient::wait_closed(fd, 10000);
+    close(null_fd);
+    close(fd);
+    return ok;
+}
+
+std::string log_line(const std::string& log, const std::string& text) {
+    size_t at = log.find(text);
+    if (at == std::string::npos) {
+        return "";
+    }
+    size_t begin = log.rfind('\n', at);
+    begin = begin == std::string::npos ? 0 : begin + 1;
+    return log.substr(begin, log.find('\n', at) - begin);
+}
+
+bool log_has(const std::string& log, const std::string& level, const std::string& text) {
+    std::istringstream lines(log);
+    std::string line;
+    while (std::getline(lines, line)) {
+        if (line.rfind("[" + level + "]", 0) == 0 && line.find(text) != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// ---- clients ----
+
+ScopedShm::ScopedShm(size_t size, const std::string& shm_name) : name(shm_name) {
+    static std::atomic<unsigned> counter{0};
+    if (name.empty()) {
+        name = "/svc-test-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
+    }
+    shm_unlink(name.c_str());
+    fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd >= 0 && ftruncate(fd, static_cast<off_t>(size)) != 0) {
+        close(fd);
+        fd = -1;
+    }
+}
+
+ScopedShm::~ScopedShm() {
+    if (fd >= 0) {
+        close(fd);
+    }
+    shm_unlink(name.c_str());
+}
+
+int make_memfd(size_t size, unsigned flags) {
+    int fd = memfd_create("svc-test-block", MFD_CLOEXEC | flags);
+    if (fd >= 0 && ftruncate(fd, static_cast<off_t>(size)) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+ssize_t send_type_msg(int fd, uint8_t type, const std::string& name, const std::vector<int>& fds) {
+    std::vector<uint8_t> record = {type, 0};
+    record.insert(record.end(), name.begin(), name.end());
+    return mediaclient::send_record(fd, record.data(), record.size(), fds.data(), fds.size(),
+                                    nullptr);
+}
+
+// ---- media ----
+
+uint32_t Clip::codec_index() const {
+    return static_cast<uint32_t>(info.video ? mediatools::video_codec_index(info.codec_name)
+                                            : mediatools::audio_codec_index(info.codec_name));
+}
+
+namespace {
+
+const std::string& media_dir() {
+    static TempDir dir;  // removed when the test program exits
+    return dir.path;
+}
+
+}  // namespace
+
+const Clip& clip(const std::string& file, const std::string& args, bool video) {
+    static std::mutex mutex;
+    static std::map<std::string, Clip> clips;
+    std::lock_guard<std::mutex> lock(mutex);
+    auto it = clips.find(file);
+    if (it != clips.end()) {
+        return it->second;
+    }
+    Clip& c = clips[file];
+    c.path = media_dir() + "/" + file;
+    const std::string cmd =
+        "ffmpeg -nostdin -hide_banner -loglevel error -y " + args + " '" + c.path + "'";
+    std::string error;
+    if (system(cmd.c_str()) != 0 || !mediatools::load_stream(c.path, video, 0, &c, &error)) {
+        ADD_FAILURE() << "could not make " << file << ": " << error;
+    }
+    return c;
+}
+
+bool have_encoder(const std::string& encoder) {
+    static std::mutex mutex;
+    static std::map<std::string, bool> known;
+    std::lock_guard<std::mutex> lock(mutex);
+    auto it = known.find(encoder);
+    if (it == known.end()) {
+        const std::string cmd = "ffmpeg -hide_banner -h encoder=" + encoder +
+                                " 2>/dev/null | grep -q 'Encoder " + encoder + "'";
+        it = known.emplace(encoder, system(cmd.c_str()) == 0).first;
+    }
+    return it->second;
+}
+
+std::string differs(const ExchangeResult& got, const uint8_t* output,
+                    const mediatools::Answer& want, const uint8_t* model_output,
+                    const std::vector<size_t>& planes, size_t plane_size) {
+    char text[160];
+    if (!(mediatools::answer_of(got) == want) || got.reserved != 0 || got.reserved2 != 0) {
+        snprintf(text, sizeof(text), "answer %d/%u/%lld, model %d/%u/%lld", got.status,
+                 got.output_size, static_cast<long long>(got.output_pts), want.status, want.size,
+                 static_cast<long long>(want.pts));
+        return text;
+    }
+    const size_t size = plane_size > 0 ? plane_size : want.size;
+    for (size_t offset : planes) {
+        if (want.status == STATUS_OK && memcmp(output + offset, model_output + offset, size) != 0) {
+            snprintf(text, sizeof(text), "bytes differ in the plane at %zu", offset);
+            return text;
+        }
+    }
+    return "";
+}

@@ -1,0 +1,119 @@
+#pragma once
+
+// What the tests share: waiting, the daemon under test, clients' raw handshakes, and real media.
+
+#include <sys/types.h>
+
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "client/media_client.h"
+#include "tools/local_decoder.h"
+#include "tools/media_file.h"
+
+// Polls `done` every 10 ms until it holds; false when `timeout_ms` passed first.
+bool wait_until(int timeout_ms, const std::function<bool()>& done);
+
+std::string read_file(const std::string& path);
+// rm -rf; true when nothing is left.
+bool remove_tree(const std::string& path);
+
+// A fresh directory under /tmp, removed with everything in it on destruction.
+struct TempDir {
+    TempDir();
+    ~TempDir();
+    std::string path;
+};
+
+// What /proc says about a process (0 for what cannot be read).
+struct ProcStat {
+    int fds = 0;
+    int threads = 0;
+    long rss_kb = 0;
+    long vm_kb = 0;
+    long cpu_ticks = 0;  // user + system
+};
+ProcStat proc_stat(pid_t pid);
+
+// The real media-service binary with the test hooks preloaded (daemon() keeps it in the
+// foreground with its standard streams; memfds stand in for ashmem regions), in a private runtime
+// directory, its log in a file. The destructor stops it as a user would, with SIGTERM, and fails
+// the test unless it exits with status 0 in time (then it is killed): so every daemon's orderly
+// exit is checked, by the sanitizers' exit checks too.
+class Daemon {
+  public:
+    struct Options {
+        std::map<std::string, std::string> env;  // extra or overriding environment
+        bool unset_xdg_runtime_dir = false;
+        bool preload_hooks = true;  // false: the unmodified binary, which daemonises
+        bool create_socket_dir = true;
+        mode_t umask_value = 022;
+        std::string cwd;  // working directory; empty: the test's own
+        bool log = true;  // false: the daemon's output goes to /dev/null (a long soak)
+    };
+    Daemon();
+    explicit Daemon(Options options);
+    Daemon(const Daemon&) = delete;
+    Daemon& operator=(const Daemon&) = delete;
+    ~Daemon();
+
+    // Starts it and waits until its loop runs (the unmodified binary: until its socket answers).
+    bool start();
+    pid_t pid() const { return pid_; }
+    const std::string& runtime_dir() const { return runtime_dir_; }
+    std::string socket_path() const;
+    std::string log() const;
+    size_t count(const std::string& needle) const;
+    bool wait_log(const std::string& needle, size_t occurrences = 1, int timeout_ms = 10000) const;
+    void signal(int sig) const;
+    // Exit status (128 + signal when killed) once it ended; -1 on timeout.
+    int wait_exit(int timeout_ms = 10000);
+    bool running();
+    // Returns once every loop callback begun before the call has returned: a throwaway client is
+    // refused in a later callback.
+    bool barrier() const;
+
+  private:
+    Options options_;
+    pid_t pid_ = -1;
+    bool reaped_ = false;
+    int status_ = -1;
+    std::string runtime_dir_;
+};
+
+// Whether the log has a line of `level` ("DEBUG", "INFO", "WARN", "ERROR") holding `text`.
+bool log_has(const std::string& log, const std::string& level, const std::string& text);
+// The first whole line holding `text`; empty when there is none.
+std::string log_line(const std::string& log, const std::string& text);
+
+// A POSIX shared memory object of the test: unlinked and closed on destruction.
+struct ScopedShm {
+    explicit ScopedShm(size_t size, const std::string& name = "");
+    ~ScopedShm();
+    int fd = -1;
+    std::string name;
+};
+int make_memfd(size_t size, unsigned flags = 0);
+
+// Sends a raw client type msg record: type, reserved byte, `name`; `fds` as SCM_RIGHTS.
+ssize_t send_type_msg(int fd, uint8_t type, const std::string& name, const std::vector<int>& fds);
+
+// A stream of a file made once per test process with the ffmpeg command line
+// (`ffmpeg -y <args> <file>`, the extension picks the container), demuxed into memory.
+struct Clip : mediatools::Stream {
+    std::string path;
+    uint32_t codec_index() const;
+};
+const Clip& clip(const std::string& file, const std::string& args, bool video = true);
+
+// Whether the ffmpeg command line here has the encoder.
+bool have_encoder(const std::string& encoder);
+
+// Empty when the service's answer and output bytes equal the model's; else what differs. The
+// output is compared plane by plane at `planes` (offsets of `plane_size` bytes each; video and
+// packed audio: one plane of the answer's size at 0).
+std::string differs(const ExchangeResult& got, const uint8_t* output,
+                    const mediatools::Answer& want, const uint8_t* model_output,
+                    const std::vector<size_t>& planes = {0}, size_t plane_size = 0);

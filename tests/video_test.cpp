@@ -1,0 +1,275 @@
+// Video through the daemon, for every codec of the table that the ffmpeg command line here can
+// encode: every answer and picture equals the in-process model (its conversion path, which does
+// not share the service's), the pictures stay close to the command line's own decode, and garbage
+// never stops the worker.
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+#include <cstdio>
+#include <random>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "decoder/ffmpeg_protocol.h"
+#include "support/support.h"
+
+using namespace mediaclient;
+using mediatools::LocalVideoDecoder;
+
+namespace {
+
+constexpr int kWaitMs = 20000;
+const std::string kSource = "-f lavfi -i testsrc2=size=176x144:rate=25 -frames:v 12 ";
+
+struct Codec {
+    const char* name;
+    const char* encoder;
+    const char* file;  // its extension picks the container
+    const char* args;
+};
+
+const Codec kCodecs[] = {
+    {"h264_mp4", "libx264", "v.mp4", "-c:v libx264 -bf 2 -g 6"},
+    {"h264_annexb", "libx264", "v.264", "-c:v libx264 -bf 0 -g 6"},
+    {"hevc", "libx265", "v.hevc.mp4", "-c:v libx265 -x265-params log-level=error:keyint=6"},
+    {"mpeg4", "mpeg4", "v.mpeg4.mp4", "-c:v mpeg4 -bf 1 -g 6 -q:v 4"},
+    {"mpeg2", "mpeg2video", "v.m2v", "-c:v mpeg2video -bf 2 -g 6 -q:v 4"},
+    {"vp8", "libvpx", "v.vp8.webm", "-c:v libvpx -g 6 -deadline realtime -cpu-used 8"},
+    {"vp9", "libvpx-vp9", "v.vp9.webm", "-c:v libvpx-vp9 -g 6 -deadline realtime -cpu-used 8"},
+    {"h263", "h263", "v.h263", "-c:v h263 -g 6 -q:v 4"},
+    {"flv1", "flv", "v.flv", "-c:v flv -g 6 -q:v 4"},
+    {"wmv2", "wmv2", "v.avi", "-c:v wmv2 -g 6 -q:v 4"},
+};
+
+const Clip& clip_of(const Codec& c) {
+    return clip(c.file, kSource + c.args);
+}
+
+// Whether a hardware device opens here: pictures would then come from it and differ.
+bool host_has_hw_device() {
+    static const bool present = [] {
+        for (const char* name : HW_DEVICE_TYPES) {
+            AVBufferRef* device = nullptr;
+            if (av_hwdevice_ctx_create(&device, av_hwdevice_find_type_by_name(name), nullptr,
+                                       nullptr, 0) >= 0) {
+                av_buffer_unref(&device);
+                return true;
+            }
+        }
+        return false;
+    }();
+    return present;
+}
+
+// The command line's decode of the clip, each picture scaled (bilinear) as asked, in order.
+std::vector<std::vector<uint8_t>> command_line_pictures(const Clip& c, int w, int h, int fmt) {
+    const size_t size = static_cast<size_t>(av_image_get_buffer_size(AVPixelFormat(fmt), w, h, 1));
+    const std::string cmd = "ffmpeg -nostdin -v error -i '" + c.path + "' -f rawvideo -pix_fmt " +
+                            av_get_pix_fmt_name(AVPixelFormat(fmt)) + " -s " + std::to_string(w) +
+                            "x" + std::to_string(h) + " -sws_flags bilinear -";
+    std::vector<std::vector<uint8_t>> pictures;
+    FILE* pipe = popen(cmd.c_str(), "r");
+    for (std::vector<uint8_t> p(size); pipe != nullptr && fread(p.data(), 1, size, pipe) == size;) {
+        pictures.push_back(p);
+    }
+    if (pipe != nullptr) {
+        pclose(pipe);
+    }
+    return pictures;
+}
+
+double psnr(const std::vector<uint8_t>& a, const uint8_t* b) {
+    double sum = 0;
+    for (size_t i = 0; i < a.size(); ++i) {
+        sum += (a[i] - b[i]) * (a[i] - b[i]);
+    }
+    return sum == 0 ? INFINITY : 10 * std::log10(255.0 * 255.0 * a.size() / sum);
+}
+
+class Video : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (host_has_hw_device()) {
+            GTEST_SKIP() << "a hardware decoder opens here; pictures would differ";
+        }
+        ASSERT_TRUE(daemon.start());
+        ASSERT_EQ(c.connect_descriptor(daemon.socket_path()), ClientError::kOk);
+    }
+    void init(const Clip& s, int w, int h, int fmt) {
+        ExchangeResult r{};
+        const VideoInitParams p = mediatools::video_init_params(s.info, w, h, fmt);
+        ASSERT_EQ(c.init_video(s.codec_index(), p, s.info.extradata.data(), s.info.extradata.size(),
+                               &r, kWaitMs),
+                  ClientError::kOk);
+        ASSERT_EQ(r.status, STATUS_OK);
+        std::string error;
+        ASSERT_TRUE(model.open(s.info.codec_id, p, s.info.extradata,
+                               LocalVideoDecoder::Output::kScaleOnly, &error))
+            << error;
+    }
+    // Packet `i` through both; the answer, after comparing it and the picture.
+    ExchangeResult decode(const Clip& s, size_t i) {
+        const auto& p = s.packets[i];
+        ExchangeResult r{};
+        EXPECT_EQ(c.decode_frame(p.data.data(), p.data.size(), p.pts, &r, kWaitMs),
+                  ClientError::kOk);
+        const mediatools::Answer want = model.decode(p.data.data(), int(p.data.size()), p.pts);
+        EXPECT_EQ(differs(r, c.output(), want, model.output()), "") << "packet " << i;
+        return r;
+    }
+
+    Daemon daemon;
+    DecoderClient c;
+    LocalVideoDecoder model;
+};
+
+class VideoCodec : public Video, public ::testing::WithParamInterface<Codec> {};
+
+// Three outputs each: the coded size in yuv420p (lines of 176 and 88 bytes: converted through a
+// picture buffer), a downscale to rgba and an upscale to nv12 (lines that are multiples of 64
+// bytes: converted straight into the area).
+TEST_P(VideoCodec, MatchesTheModelAndTheCommandLine) {
+    if (!have_encoder(GetParam().encoder)) {
+        GTEST_SKIP() << "ffmpeg here has no " << GetParam().encoder;
+    }
+    const Clip& s = clip_of(GetParam());
+    for (auto [w, h, fmt] : {std::make_tuple(176, 144, int(AV_PIX_FMT_YUV420P)),
+                             std::make_tuple(80, 60, int(AV_PIX_FMT_RGBA)),
+                             std::make_tuple(384, 288, int(AV_PIX_FMT_NV12))}) {
+        SCOPED_TRACE(av_get_pix_fmt_name(AVPixelFormat(fmt)));
+        ASSERT_NO_FATAL_FAILURE(init(s, w, h, fmt));
+        const size_t log_before = daemon.log().size();
+        const std::vector<std::vector<uint8_t>> expected = command_line_pictures(s, w, h, fmt);
+        size_t pictures = 0;
+        for (size_t i = 0; i < s.packets.size(); ++i) {
+            const ExchangeResult r = decode(s, i);
+            EXPECT_NE(r.status, STATUS_FAILED) << "packet " << i;
+            if (r.status == STATUS_OK) {
+                ASSERT_LT(pictures, expected.size());
+                EXPECT_GT(psnr(expected[pictures++], c.output()), 40.0) << "picture " << pictures;
+            }
+        }
+        // One receive per packet: a decoder with a delay still holds its last pictures.
+        EXPECT_GE(pictures, s.packets.size() / 2);
+        EXPECT_EQ(daemon.log().find("[ERROR]", log_before), std::string::npos);
+    }
+    // Every packet the decoder took made and freed one frame for a hardware transfer.
+    EXPECT_EQ(
+        daemon.count("freeing temp SW frame"),
+        daemon.count("decoding video frame") - daemon.count("error sending a packet for decoding"));
+}
+
+// Garbage, cut and damaged packets answer -1, 1 or a whole picture; the worker keeps serving and
+// the clip decodes again from its first keyframe. Garbage configuration bytes either fail the
+// setup or give a decoder that answers.
+TEST_P(VideoCodec, GarbageNeverStopsTheWorker) {
+    if (!have_encoder(GetParam().encoder)) {
+        GTEST_SKIP() << "ffmpeg here has no " << GetParam().encoder;
+    }
+    const Clip& s = clip_of(GetParam());
+    ASSERT_NO_FATAL_FAILURE(init(s, 120, 90, AV_PIX_FMT_YUV420P));
+    std::mt19937 rng(42);
+    std::vector<std::vector<uint8_t>> bad;
+    for (size_t size : {1, 3, 16, 257, 4096, 65536}) {
+        bad.emplace_back(size);
+        std::generate(bad.back().begin(), bad.back().end(), [&] { return uint8_t(rng()); });
+    }
+    for (size_t i = 0; i < s.packets.size(); ++i) {
+        const auto& p = s.packets[i].data;
+        bad.emplace_back(p.begin(), p.begin() + long(p.size() / 2 + 1));
+        bad.push_back(p);
+        for (size_t k = i % 7; k < p.size(); k += 7) {
+            bad.back()[k] ^= 0x5a;
+        }
+    }
+    for (const auto& b : bad) {
+        ExchangeResult r{};
+        ASSERT_EQ(c.decode_frame(b.data(), b.size(), 1, &r, kWaitMs), ClientError::kOk);
+        EXPECT_EQ(r.output_size, r.status == STATUS_OK ? 120u * 90 * 3 / 2 : 0u);
+    }
+    int pictures = 0;
+    for (const auto& p : s.packets) {
+        ExchangeResult r{};
+        ASSERT_EQ(c.decode_frame(p.data.data(), p.data.size(), 1, &r, kWaitMs), ClientError::kOk);
+        pictures += r.status == STATUS_OK;
+    }
+    EXPECT_GT(pictures, 0);
+
+    std::vector<uint8_t> config(100);
+    std::generate(config.begin(), config.end(), [&] { return uint8_t(rng()); });
+    ExchangeResult r{};
+    ASSERT_EQ(c.init_video(s.codec_index(), mediatools::video_init_params(s.info, 176, 144, 0),
+                           config.data(), config.size(), &r, kWaitMs),
+              ClientError::kOk);
+    if (r.status == STATUS_OK) {
+        ASSERT_EQ(
+            c.decode_frame(s.packets[0].data.data(), s.packets[0].data.size(), 0, &r, kWaitMs),
+            ClientError::kOk);
+    } else {
+        EXPECT_EQ(r.status, STATUS_FAILED);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Codecs, VideoCodec, ::testing::ValuesIn(kCodecs),
+                         [](const ::testing::TestParamInfo<Codec>& info) {
+                             return std::string(info.param.name);
+                         });
+
+// With B-frames the decoder answers "need more data" first and then hands out pictures in
+// presentation order, each with its own timestamp rather than the delivering packet's.
+TEST_F(Video, ReorderedPicturesCarryTheirOwnTimestamps) {
+    const Clip& s = clip_of(kCodecs[0]);
+    ASSERT_NO_FATAL_FAILURE(init(s, 176, 144, AV_PIX_FMT_YUV420P));
+    std::vector<int64_t> sent, received;
+    for (size_t i = 0; i < s.packets.size(); ++i) {
+        const ExchangeResult r = decode(s, i);
+        ASSERT_EQ(r.status, i == 0 ? STATUS_NEED_MORE_DATA : r.status);
+        sent.push_back(s.packets[i].pts);
+        if (r.status == STATUS_OK) {
+            received.push_back(r.output_pts);
+        }
+    }
+    std::sort(sent.begin(), sent.end());
+    sent.resize(received.size());
+    EXPECT_EQ(received, sent);
+    EXPECT_FALSE(std::is_sorted(s.packets.begin(), s.packets.end(),
+                                [](const auto& a, const auto& b) { return a.pts < b.pts; }));
+}
+
+// A reset mid-stream keeps the codec and coded format and takes the new output; the old scaler
+// and decoder are released before the new setup.
+TEST_F(Video, ResetToANewOutputMidStream) {
+    const Clip& s = clip_of(kCodecs[1]);
+    ASSERT_NO_FATAL_FAILURE(init(s, 352, 288, AV_PIX_FMT_RGBA));
+    for (size_t i = 0; i < 6; ++i) {
+        decode(s, i);
+    }
+    const size_t before = daemon.log().size();
+    ASSERT_EQ(c.reset_video(90, 70, AV_PIX_FMT_GRAY8, kWaitMs), ClientError::kOk);
+    EXPECT_EQ(c.result().status, STATUS_OK);
+    ASSERT_TRUE(model.reset(90, 70, AV_PIX_FMT_GRAY8));
+    const std::string log = daemon.log().substr(before);
+    EXPECT_LT(log.find("freeing SW scale context"), log.find("freeing video decoder context"));
+    EXPECT_LT(log.find("freeing video decoder context"), log.find("init video codec context"));
+    for (size_t i = 6; i < s.packets.size(); ++i) {
+        decode(s, i);
+    }
+}
+
+// Output pixel formats beyond FFmpeg 4's enumeration (187 formats), negative ones included, mean
+// yuv420p.
+TEST_F(Video, OutputPixelFormatsBeyondTheTableAreYuv420p) {
+    const Clip& s = clip_of(kCodecs[1]);
+    for (int asked : {186, 187, 1000, INT_MIN, -1, int(AV_PIX_FMT_RGB24)}) {
+        ASSERT_NO_FATAL_FAILURE(init(s, 64, 48, asked));
+        const int taken = asked == 186 || asked == AV_PIX_FMT_RGB24 ? asked : AV_PIX_FMT_YUV420P;
+        EXPECT_EQ(decode(s, 0).output_size,
+                  uint32_t(av_image_get_buffer_size(AVPixelFormat(taken), 64, 48, 1)))
+            << asked;
+    }
+}
+
+}  // namespace
