@@ -1,0 +1,284 @@
+// Whole clients against a real MediaServer on the default loop, as the daemon runs it: records
+// with arbitrary ancillary data on pending connections (the client type msg), then, on the
+// connections that registered as decoder clients, requests in their blocks, doorbells of any
+// length at any moment, waits for the sync msg and disconnects. One server per input, so that no
+// session or decoder carries over.
+//
+// Input: at most kMaxOps operations, each u8 op % 5 and its arguments:
+//   0 connect  a new connection (ignored while kMaxClients are open)
+//   1 send     u8 client, u8 ancillary, u16 length % kMaxRecord, that many bytes; ancillary % 8
+//              picks the descriptors (kFdKinds), ancillary & 8 adds explicit credentials:
+//              u32 pid (0: own), u32 uid, u32 gid (0xffffffff: own). To a registered decoder
+//              client this is a doorbell (an empty record ends it), to the session a ping answer.
+//   2 close    u8 client
+//   3 call     u8 client, one request of the exchange block input (fuzz_support.h), written into
+//              a decoder client's block unless a sync msg is still due; then a one-byte doorbell
+//   4 wait     u8 client: waits for the sync msg that is due
+// After every operation the loop runs what is due.
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <ev++.h>
+
+#include "fuzz_support.h"
+#include "server/media_server.h"
+
+namespace {
+
+constexpr int kMaxOps = 64;
+constexpr size_t kMaxClients = 6;
+constexpr size_t kMaxRecord = 600;
+// A POSIX shared memory object of SHM_BLOCK_SIZE bytes for type 3 clients; the seeds name it.
+constexpr const char* kShmName = "/svc-fuzz-block";
+
+// The descriptors a record carries, by ancillary % 8, one letter each: B a memfd of a block's size
+// (an ashmem region to the service), s a one-page memfd, n /dev/null, p a pipe, S kShmName.
+constexpr const char* kFdKinds[8] = {"", "B", "s", "n", "p", "Bn", "nnn", "S"};
+
+char socket_dir[] = "/tmp/svc-fuzz-XXXXXX";
+
+std::string socket_path() {
+    return std::string(socket_dir) + "/media-service.socket";
+}
+
+void remove_files() {
+    unlink(socket_path().c_str());
+    rmdir(socket_dir);
+    shm_unlink(kShmName);
+}
+
+int open_fd(char kind) {
+    int pipe_fds[2];
+    switch (kind) {
+        case 'B':
+            return make_memfd(SHM_BLOCK_SIZE);
+        case 's':
+            return make_memfd(4096);
+        case 'S':
+            return shm_open(kShmName, O_RDWR | O_CLOEXEC, 0);
+        case 'p':
+            if (pipe2(pipe_fds, O_CLOEXEC) != 0) {
+                abort();
+            }
+            close(pipe_fds[1]);
+            return pipe_fds[0];
+        default:
+            return open("/dev/null", O_RDWR | O_CLOEXEC);
+    }
+}
+
+// One record with the descriptors of `kinds` and, when `creds` is not null, explicit credentials.
+ssize_t send_record(int fd, const uint8_t* data, size_t size, const char* kinds,
+                    const ucred* creds) {
+    std::vector<int> fds;
+    for (const char* kind = kinds; *kind != '\0'; ++kind) {
+        fds.push_back(open_fd(*kind));
+    }
+    alignas(cmsghdr) uint8_t control[CMSG_SPACE(sizeof(ucred)) + CMSG_SPACE(3 * sizeof(int))] = {};
+    size_t used = 0;
+    auto add = [&](int type, const void* payload, size_t length) {
+        auto* cmsg = reinterpret_cast<cmsghdr*>(control + used);
+        cmsg->cmsg_level = SOL_SOCKET;
+        cmsg->cmsg_type = type;
+        cmsg->cmsg_len = CMSG_LEN(length);
+        memcpy(CMSG_DATA(cmsg), payload, length);
+        used += CMSG_SPACE(length);
+    };
+    if (creds != nullptr) {
+        add(SCM_CREDENTIALS, creds, sizeof(*creds));
+    }
+    if (!fds.empty()) {
+        add(SCM_RIGHTS, fds.data(), fds.size() * sizeof(int));
+    }
+    iovec iov = {const_cast<uint8_t*>(data), size};
+    msghdr msg = {};
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    msg.msg_control = used > 0 ? control : nullptr;
+    msg.msg_controllen = used;
+    ssize_t sent = sendmsg(fd, &msg, MSG_NOSIGNAL);
+    for (int passed : fds) {
+        close(passed);
+    }
+    return sent;
+}
+
+struct Client {
+    int fd;
+    const MediaServer::decoder_handle_t* handle = nullptr;  // once registered as a decoder client
+    bool sync_due = false;
+};
+
+class Run {
+  public:
+    Run() : server_(socket_path()) {
+        server_.on_media_server_stopped([this] { stopped_ = true; });
+    }
+
+    void play(FuzzReader& in) {
+        for (int op = 0; op < kMaxOps && !in.empty() && !stopped_; ++op) {
+            uint8_t code = in.u8() % 5;
+            if (code == 0) {
+                connect_client();
+            } else if (code == 1) {
+                send(in);
+            } else {
+                Client* client = pick(in.u8());
+                if (code == 3) {
+                    call(client, in);
+                } else if (client != nullptr && code == 2) {
+                    close(client->fd);
+                    clients_.erase(clients_.begin() + (client - clients_.data()));
+                } else if (client != nullptr) {
+                    wait_sync(*client);
+                }
+            }
+            drain();
+        }
+    }
+
+    // Closes every client, then stops the server as the runtime's signal handler does and
+    // destroys it.
+    ~Run() {
+        for (Client& client : clients_) {
+            close(client.fd);
+        }
+        drain();
+        server_.stop();
+    }
+
+  private:
+    // Lets libev run what is due without blocking: accepts, handshakes, doorbells, purges.
+    static void drain() {
+        for (int i = 0; i < 4; ++i) {
+            ev_run(EV_DEFAULT, EVRUN_NOWAIT);
+        }
+    }
+
+    void connect_client() {
+        if (clients_.size() >= kMaxClients) {
+            return;
+        }
+        int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        sockaddr_un addr = {};
+        addr.sun_family = AF_UNIX;
+        strncpy(addr.sun_path, socket_path().c_str(), sizeof(addr.sun_path) - 1);
+        if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+            abort();
+        }
+        clients_.push_back(Client{fd});
+    }
+
+    void send(FuzzReader& in) {
+        uint8_t index = in.u8();
+        uint8_t ancillary = in.u8();
+        size_t length = in.u16() % kMaxRecord;
+        const uint8_t* record = in.bytes(&length);
+        ucred creds = {getpid(), getuid(), getgid()};
+        if ((ancillary & 8) != 0) {
+            uint32_t pid = in.u32();
+            uint32_t uid = in.u32();
+            uint32_t gid = in.u32();
+            creds.pid = pid != 0 ? static_cast<pid_t>(pid) : creds.pid;
+            creds.uid = uid != 0xffffffffu ? uid : creds.uid;
+            creds.gid = gid != 0xffffffffu ? gid : creds.gid;
+        }
+        Client* client = pick(index);
+        if (client == nullptr) {
+            return;
+        }
+        size_t registered = server_.decoder_handles.size();
+        ssize_t sent = send_record(client->fd, record, length, kFdKinds[ancillary % 8],
+                                   (ancillary & 8) != 0 ? &creds : nullptr);
+        rung(*client, sent);
+        drain();
+        if (client->handle == nullptr && server_.decoder_handles.size() > registered) {
+            client->handle = server_.decoder_handles.back().get();
+        }
+    }
+
+    Client* pick(uint8_t index) {
+        return clients_.empty() ? nullptr : &clients_[index % clients_.size()];
+    }
+
+    // After a record on a decoder client: a doorbell is answered unless the worker has ended; an
+    // empty record ends the client.
+    void rung(Client& client, ssize_t sent) {
+        MediaDecoder* decoder = decoder_of(client);
+        if (decoder != nullptr && sent == 0) {
+            client.handle = nullptr;
+            client.sync_due = false;
+        } else if (decoder != nullptr && sent > 0 && !decoder->quitting()) {
+            client.sync_due = true;
+        }
+    }
+
+    void call(Client* client, FuzzReader& in) {
+        MediaDecoder* decoder = client != nullptr ? decoder_of(*client) : nullptr;
+        read_request(in, decoder != nullptr && !client->sync_due ? decoder->block : nullptr);
+        if (decoder != nullptr) {
+            uint8_t doorbell = 1;
+            rung(*client, send_record(client->fd, &doorbell, 1, "", nullptr));
+        }
+    }
+
+    // A request that never completes is a hang, which libFuzzer's -timeout reports.
+    void wait_sync(Client& client) {
+        while (client.sync_due && !stopped_) {
+            uint8_t byte;
+            ssize_t n = recv(client.fd, &byte, 1, MSG_DONTWAIT);
+            if (n == 0 || decoder_of(client) == nullptr) {
+                abort();  // the service dropped a decoder client that had not left
+            }
+            if (n == 1) {
+                client.sync_due = false;
+            } else {
+                ev_run(EV_DEFAULT, EVRUN_ONCE);
+            }
+        }
+    }
+
+    // The client's decoder while the server holds its handle.
+    MediaDecoder* decoder_of(const Client& client) const {
+        for (const auto& handle : server_.decoder_handles) {
+            if (handle.get() == client.handle) {
+                return handle->decoder.get();
+            }
+        }
+        return nullptr;
+    }
+
+    MediaServer server_;
+    std::vector<Client> clients_;
+    bool stopped_ = false;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static bool ready = [] {
+        if (mkdtemp(socket_dir) == nullptr) {
+            abort();
+        }
+        return atexit(remove_files) == 0;
+    }();
+    // Every input finds kShmName empty and of a block's size.
+    int shm = shm_open(kShmName, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (!ready || shm < 0 || ftruncate(shm, SHM_BLOCK_SIZE) != 0) {
+        abort();
+    }
+    close(shm);
+    FuzzReader in(data, size);
+    Run run;
+    run.play(in);
+    return 0;
+}
