@@ -10,6 +10,8 @@
  *   every other descriptor, goes to the kernel unchanged.
  * - open()/open64(): the path named by SVC_TEST_ASHMEM_DEVICE (e.g. "/dev/ashmem") opens a new
  *   memfd, as the ashmem device gives a new region per open.
+ * - fallocate()/madvise(): with SVC_TEST_REFUSE_PAGE_RELEASE set, punching a hole and
+ *   MADV_REMOVE fail with EPERM, as they do on a sealed object on some kernels and not on others.
  *
  * The file compiles as C and as C++. */
 
@@ -115,6 +117,36 @@ int open64(const char* path, int flags, ...) {
     mode_t mode = svc_hook_mode(flags, args);
     va_end(args);
     return svc_hook_open(path, flags | O_LARGEFILE, mode);
+}
+
+static int svc_hook_refuses_page_release(void) {
+    const char* refuse = getenv("SVC_TEST_REFUSE_PAGE_RELEASE");
+    return refuse != NULL && refuse[0] != '\0';
+}
+
+static int svc_hook_fallocate(int fd, int mode, off64_t offset, off64_t length) {
+    if ((mode & FALLOC_FL_PUNCH_HOLE) != 0 && svc_hook_refuses_page_release()) {
+        errno = EPERM;
+        return -1;
+    }
+    return (int)syscall(SYS_fallocate, fd, mode, offset, length);
+}
+
+/* Both names: a caller built with 64-bit file offsets on a 32-bit system calls the second. */
+int fallocate(int fd, int mode, off_t offset, off_t length) {
+    return svc_hook_fallocate(fd, mode, offset, length);
+}
+
+int fallocate64(int fd, int mode, off64_t offset, off64_t length) {
+    return svc_hook_fallocate(fd, mode, offset, length);
+}
+
+int madvise(void* addr, size_t length, int advice) SVC_HOOK_NOTHROW {
+    if (advice == MADV_REMOVE && svc_hook_refuses_page_release()) {
+        errno = EPERM;
+        return -1;
+    }
+    return (int)syscall(SYS_madvise, addr, length, advice);
 }
 
 #ifdef __cplusplus
