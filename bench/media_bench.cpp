@@ -38,6 +38,7 @@ extern "C" {
 #include "decoder/exchange_block.h"
 #include "tools/local_decoder.h"
 #include "tools/media_file.h"
+#include "tools/proc_stat.h"
 #include "tools/service_link.h"
 
 using namespace mediatools;
@@ -154,52 +155,10 @@ void connect_service(Service* s) {
     }
 }
 
-struct Rss {
-    long total = 0, anon = 0, file = 0, shmem = 0;  // KiB
-};
-
-Rss read_rss(pid_t pid) {
-    Rss rss;
-    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-    std::string key;
-    long value;
-    while (in >> key) {
-        if (key == "VmRSS:" && in >> value) {
-            rss.total = value;
-        } else if (key == "RssAnon:" && in >> value) {
-            rss.anon = value;
-        } else if (key == "RssFile:" && in >> value) {
-            rss.file = value;
-        } else if (key == "RssShmem:" && in >> value) {
-            rss.shmem = value;
-        }
-        in.ignore(1 << 20, '\n');
-    }
-    return rss;
-}
-
-// CPU time of every thread of a process (or of all but its main thread), in seconds: scheduler
-// run time, nanosecond resolution. Threads that end in between are lost, so measure while the
-// clients stay connected.
-double process_cpu(pid_t pid, bool main_thread = true) {
-    const std::string dir = "/proc/" + std::to_string(pid) + "/task";
-    double total = 0;
-    DIR* d = opendir(dir.c_str());
-    if (d == nullptr) {
-        return 0;
-    }
-    while (dirent* e = readdir(d)) {
-        if (e->d_name[0] == '.' || (!main_thread && atoi(e->d_name) == pid)) {
-            continue;
-        }
-        std::ifstream in(dir + "/" + e->d_name + "/schedstat");
-        double ns = 0;
-        if (in >> ns) {
-            total += ns / 1e9;
-        }
-    }
-    closedir(d);
-    return total;
+// CPU time of every thread of a process, in seconds. Threads that end in between are lost, so
+// measure while the clients stay connected.
+double process_cpu(pid_t pid) {
+    return proc_stat(pid).cpu_s;
 }
 
 double thread_cpu() {
@@ -329,10 +288,11 @@ std::string verdict(bool met, const std::string& target) {
 
 void bench_memory(Service& s, const Stream& clip) {
     const int kClients = 4;
-    Rss idle = read_rss(s.pid);
+    ProcStat idle = proc_stat(s.pid);
     rows.push_back(
-        {"memory: service RSS, idle (session only)", fmt("%.1f MiB", idle.total / 1024.0),
-         fmt("anon %.1f, file %.1f MiB", idle.anon / 1024.0, idle.file / 1024.0), "", ""});
+        {"memory: service RSS, idle (session only)", fmt("%.1f MiB", idle.rss_kb / 1024.0),
+         fmt("anon %.1f, file %.1f MiB", idle.rss_anon_kb / 1024.0, idle.rss_file_kb / 1024.0), "",
+         ""});
 
     std::vector<std::unique_ptr<mediaclient::DecoderClient>> clients;
     for (int i = 0; i < kClients; ++i) {
@@ -341,24 +301,24 @@ void bench_memory(Service& s, const Stream& clip) {
         // The answer proves the registration and a running worker.
         check(clients.back()->flush(), "flush");
     }
-    Rss registered = read_rss(s.pid);
+    ProcStat registered = proc_stat(s.pid);
     rows.push_back({"memory: per registered decoder client",
-                    fmt("%.0f KiB", double(registered.total - idle.total) / kClients),
+                    fmt("%.0f KiB", double(registered.rss_kb - idle.rss_kb) / kClients),
                     fmt("%d clients, anon %+.0f KiB each", kClients,
-                        double(registered.anon - idle.anon) / kClients),
+                        double(registered.rss_anon_kb - idle.rss_anon_kb) / kClients),
                     "", ""});
 
     for (auto& c : clients) {
         init_video(*c, clip, AV_PIX_FMT_YUV420P);
         count_outputs(clip, 0, 10, through_service(*c));
     }
-    Rss decoding = read_rss(s.pid);
-    const double per_client = double(decoding.total - idle.total) / kClients / 1024.0;
+    ProcStat decoding = proc_stat(s.pid);
+    const double per_client = double(decoding.rss_kb - idle.rss_kb) / kClients / 1024.0;
     rows.push_back({"memory: per client decoding 1080p H.264 to yuv420p",
                     fmt("%.1f MiB", per_client),
                     fmt("anon %.1f + shared block %.1f MiB",
-                        double(decoding.anon - idle.anon) / kClients / 1024.0,
-                        double(decoding.shmem - idle.shmem) / kClients / 1024.0),
+                        double(decoding.rss_anon_kb - idle.rss_anon_kb) / kClients / 1024.0,
+                        double(decoding.rss_shmem_kb - idle.rss_shmem_kb) / kClients / 1024.0),
                     "", verdict(per_client <= 28, "<= 28 MiB")});
     clients.clear();
 }
@@ -499,19 +459,19 @@ void bench_idle(Service& s) {
     // Any spin ends within 100 us of the last request.
     sleep_seconds(0.1);
     const double idle_seconds = 10;
-    const double workers0 = process_cpu(s.pid, false);
-    double cpu0 = process_cpu(s.pid);
+    const ProcStat before = proc_stat(s.pid);
     sleep_seconds(idle_seconds);
-    const double workers = process_cpu(s.pid, false) - workers0;
+    const ProcStat after = proc_stat(s.pid);
+    const double workers = (after.cpu_s - after.main_cpu_s) - (before.cpu_s - before.main_cpu_s);
     rows.push_back(
         {fmt("idle: CPU of %d registered idle clients' workers in %.0f s", kClients, idle_seconds),
          fmt("%.6f s", workers),
-         fmt("whole service %.6f s (session pings)", process_cpu(s.pid) - cpu0), "",
+         fmt("whole service %.6f s (session pings)", after.cpu_s - before.cpu_s), "",
          verdict(workers == 0, "0 s")});
 
     const int requests = 90;
     mediaclient::DecoderClient& player = *clients.front();
-    cpu0 = process_cpu(s.pid);
+    const double cpu0 = process_cpu(s.pid);
     for (int i = 0; i < requests; ++i) {
         check(player.flush(), "flush");
         sleep_seconds(1.0 / 30);

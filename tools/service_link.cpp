@@ -18,6 +18,7 @@
 
 #include "client/media_client.h"
 #include "decoder/exchange_block.h"
+#include "tools/proc_stat.h"
 
 extern char** environ;
 
@@ -54,27 +55,6 @@ bool make_dirs(const std::string& dir) {
 bool ends_with(const std::string& s, const std::string& suffix) {
     return s.size() >= suffix.size() &&
            s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
-// An ended process whose parent has not reaped it yet still answers kill(pid, 0).
-bool is_zombie(pid_t pid) {
-    char path[64];
-    snprintf(path, sizeof(path), "/proc/%d/stat", static_cast<int>(pid));
-    FILE* f = fopen(path, "re");
-    if (f == nullptr) {
-        return false;
-    }
-    char state = 0;
-    // The command name in parentheses may hold blanks; the state follows the last ')'.
-    char buf[512];
-    size_t n = fread(buf, 1, sizeof(buf) - 1, f);
-    fclose(f);
-    buf[n] = 0;
-    const char* paren = strrchr(buf, ')');
-    if (paren != nullptr && paren[1] == ' ') {
-        state = paren[2];
-    }
-    return state == 'Z' || state == 'X';
 }
 
 }  // namespace
@@ -231,7 +211,9 @@ bool stop_process(pid_t pid, int timeout_ms) {
     for (int waited = 0; waited <= timeout_ms; waited += 10) {
         // Our own child would linger as a zombie; reap it if it is one.
         waitpid(pid, nullptr, WNOHANG);
-        if ((kill(pid, 0) < 0 && errno == ESRCH) || is_zombie(pid)) {
+        // An ended process whose parent has not reaped it yet still answers kill(pid, 0).
+        const char state = proc_stat(pid).state;
+        if ((kill(pid, 0) < 0 && errno == ESRCH) || state == 'Z' || state == 'X') {
             return true;
         }
         sleep_ms(10);

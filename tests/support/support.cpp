@@ -65,50 +65,6 @@ TempDir::~TempDir() {
     }
 }
 
-namespace {
-
-int count_entries(const std::string& dir) {
-    DIR* d = opendir(dir.c_str());
-    int n = 0;
-    while (d != nullptr && readdir(d) != nullptr) {
-        ++n;
-    }
-    if (d != nullptr) {
-        closedir(d);
-    }
-    return n > 2 ? n - 2 : 0;  // without . and ..
-}
-
-long status_field(const std::string& status, const char* key) {
-    size_t at = status.find(key);
-    return at == std::string::npos ? 0 : atol(status.c_str() + at + strlen(key));
-}
-
-}  // namespace
-
-ProcStat proc_stat(pid_t pid) {
-    const std::string dir = "/proc/" + std::to_string(pid);
-    ProcStat s;
-    s.fds = count_entries(dir + "/fd");
-    s.threads = count_entries(dir + "/task");
-    const std::string status = read_file(dir + "/status");
-    s.rss_kb = status_field(status, "VmRSS:");
-    s.vm_kb = status_field(status, "VmSize:");
-    // utime and stime are fields 14 and 15; the command name before them may hold blanks.
-    const std::string stat = read_file(dir + "/stat");
-    size_t paren = stat.rfind(')');
-    if (paren != std::string::npos) {
-        std::istringstream fields(stat.substr(paren + 2));
-        std::string skip;
-        long utime = 0, stime = 0;
-        for (int i = 3; i < 14 && fields >> skip; ++i) {
-        }
-        fields >> utime >> stime;
-        s.cpu_ticks = utime + stime;
-    }
-    return s;
-}
-
 // ---- the daemon ----
 
 namespace {

@@ -12,6 +12,7 @@
 #include "client/media_client.h"
 #include "tools/local_decoder.h"
 #include "tools/media_file.h"
+#include "tools/proc_stat.h"
 
 // Polls `done` every 10 ms until it holds; false when `timeout_ms` passed first.
 bool wait_until(int timeout_ms, const std::function<bool()>& done);
@@ -27,15 +28,8 @@ struct TempDir {
     std::string path;
 };
 
-// What /proc says about a process (0 for what cannot be read).
-struct ProcStat {
-    int fds = 0;
-    int threads = 0;
-    long rss_kb = 0;
-    long vm_kb = 0;
-    long cpu_ticks = 0;  // user + system
-};
-ProcStat proc_stat(pid_t pid);
+using mediatools::proc_stat;
+using mediatools::ProcStat;
 
 // The real media-service binary with the test hooks preloaded (daemon() keeps it in the
 // foreground with its standard streams; memfds stand in for ashmem regions), in a private runtime
