@@ -19,7 +19,6 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -29,6 +28,7 @@
 
 #include <ev++.h>
 
+#include "client/media_client.h"
 #include "fuzz_support.h"
 #include "server/media_server.h"
 
@@ -83,29 +83,7 @@ ssize_t send_record(int fd, const uint8_t* data, size_t size, const char* kinds,
     for (const char* kind = kinds; *kind != '\0'; ++kind) {
         fds.push_back(open_fd(*kind));
     }
-    alignas(cmsghdr) uint8_t control[CMSG_SPACE(sizeof(ucred)) + CMSG_SPACE(3 * sizeof(int))] = {};
-    size_t used = 0;
-    auto add = [&](int type, const void* payload, size_t length) {
-        auto* cmsg = reinterpret_cast<cmsghdr*>(control + used);
-        cmsg->cmsg_level = SOL_SOCKET;
-        cmsg->cmsg_type = type;
-        cmsg->cmsg_len = CMSG_LEN(length);
-        memcpy(CMSG_DATA(cmsg), payload, length);
-        used += CMSG_SPACE(length);
-    };
-    if (creds != nullptr) {
-        add(SCM_CREDENTIALS, creds, sizeof(*creds));
-    }
-    if (!fds.empty()) {
-        add(SCM_RIGHTS, fds.data(), fds.size() * sizeof(int));
-    }
-    iovec iov = {const_cast<uint8_t*>(data), size};
-    msghdr msg = {};
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
-    msg.msg_control = used > 0 ? control : nullptr;
-    msg.msg_controllen = used;
-    ssize_t sent = sendmsg(fd, &msg, MSG_NOSIGNAL);
+    ssize_t sent = mediaclient::send_record(fd, data, size, fds.data(), fds.size(), creds);
     for (int passed : fds) {
         close(passed);
     }
@@ -168,11 +146,8 @@ class Run {
         if (clients_.size() >= kMaxClients) {
             return;
         }
-        int fd = socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        sockaddr_un addr = {};
-        addr.sun_family = AF_UNIX;
-        strncpy(addr.sun_path, socket_path().c_str(), sizeof(addr.sun_path) - 1);
-        if (fd < 0 || connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
+        int fd = mediaclient::connect_service(socket_path());
+        if (fd < 0) {
             abort();
         }
         clients_.push_back(Client{fd});
