@@ -2,8 +2,8 @@
 // ffmpeg command line here can encode, into packed and planar formats: every answer, timestamp
 // and sample; garbage; format changes; formats nothing can honour; frames too long for the area.
 
+#include <algorithm>
 #include <climits>
-#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
@@ -17,7 +17,6 @@ extern "C" {
 #include "support/support.h"
 
 using namespace mediaclient;
-using mediatools::LocalAudioDecoder;
 
 namespace {
 
@@ -38,14 +37,12 @@ class Audio : public ::testing::Test {
     }
     // Sets up the service and the model alike; the service's answer status.
     int32_t init(const Clip& s, const AudioInitParams& p, bool with_config = true) {
+        const std::vector<uint8_t> config = with_config ? s.info.extradata : std::vector<uint8_t>{};
         ExchangeResult r{};
-        EXPECT_EQ(c.init_audio(s.codec_index(), p, with_config ? s.info.extradata.data() : nullptr,
-                               s.info.extradata.size(), &r, kWaitMs),
+        EXPECT_EQ(c.init_audio(s.codec_index(), p, config.data(), config.size(), &r, kWaitMs),
                   ClientError::kOk);
         std::string error;
-        const bool opened = model.open(
-            s.info.codec_id, p, with_config ? s.info.extradata : std::vector<uint8_t>{}, &error);
-        EXPECT_EQ(opened, r.status == STATUS_OK) << error;
+        EXPECT_EQ(model.open(s.info.codec_id, p, config, &error), r.status == STATUS_OK) << error;
         return r.status;
     }
     // A packet through both, compared; the service's answer.
@@ -69,13 +66,11 @@ class Audio : public ::testing::Test {
 
     Daemon daemon;
     DecoderClient c;
-    LocalAudioDecoder model;
+    mediatools::LocalAudioDecoder model;
 };
 
 struct Codec {
-    const char* name;
-    const char* encoder;
-    const char* file;
+    const char *encoder, *file;  // the file's extension picks the container
     std::string args;
     int32_t out_fmt, out_channels, out_rate;  // a rate of 0 or less: 44100
     bool decoder_picks_rate;                  // an input sample rate of 0
@@ -83,23 +78,20 @@ struct Codec {
 };
 
 const Codec kCodecs[] = {
-    {"aac", "aac", "a.m4a", kStereo44k + " -c:a aac", AV_SAMPLE_FMT_S16, 2, 44100, false, true},
-    {"mp3", "libmp3lame", "a.mp3", kStereo44k + " -c:a libmp3lame", AV_SAMPLE_FMT_FLTP, 2, 48000,
-     true, true},
-    {"flac", "flac", "a.flac", kStereo44k + " -c:a flac -frame_size 1000", AV_SAMPLE_FMT_S16P, 2,
-     44100, false, true},
-    {"opus", "libopus", "a.opus.ogg", kStereo48k + " -c:a libopus", AV_SAMPLE_FMT_S16, 2, 48000,
-     false, true},
-    {"vorbis", "libvorbis", "a.ogg", kStereo44k + " -c:a libvorbis", AV_SAMPLE_FMT_FLT, 1, 22050,
-     false, true},
-    {"ac3", "ac3", "a.ac3", kSurround48k + " -c:a ac3", AV_SAMPLE_FMT_S16, 2, 48000, false, true},
-    {"mp2", "mp2", "a.mp2", kStereo44k + " -c:a mp2", AV_SAMPLE_FMT_S32P, 2, 0, false, true},
-    {"alac", "alac", "a.alac.m4a", kStereo44k + " -c:a alac", AV_SAMPLE_FMT_S16, 2, -1, false,
+    {"aac", "a.m4a", kStereo44k + " -c:a aac", AV_SAMPLE_FMT_S16, 2, 44100, false, true},
+    {"libmp3lame", "a.mp3", kStereo44k + " -c:a libmp3lame", AV_SAMPLE_FMT_FLTP, 2, 48000, true,
      true},
-    {"wmav2", "wmav2", "a.wma", kStereo44k + " -c:a wmav2", AV_SAMPLE_FMT_FLTP, 2, 48000, false,
-     false},
-    {"dts", "dca", "a.dts", kStereo48k + " -strict -2 -c:a dca", AV_SAMPLE_FMT_DBL, 2, 44100, false,
+    {"flac", "a.flac", kStereo44k + " -c:a flac -frame_size 1000", AV_SAMPLE_FMT_S16P, 2, 44100,
+     false, true},
+    {"libopus", "a.opus.ogg", kStereo48k + " -c:a libopus", AV_SAMPLE_FMT_S16, 2, 48000, false,
      true},
+    {"libvorbis", "a.ogg", kStereo44k + " -c:a libvorbis", AV_SAMPLE_FMT_FLT, 1, 22050, false,
+     true},
+    {"ac3", "a.ac3", kSurround48k + " -c:a ac3", AV_SAMPLE_FMT_S16, 2, 48000, false, true},
+    {"mp2", "a.mp2", kStereo44k + " -c:a mp2", AV_SAMPLE_FMT_S32P, 2, 0, false, true},
+    {"alac", "a.alac.m4a", kStereo44k + " -c:a alac", AV_SAMPLE_FMT_S16, 2, -1, false, true},
+    {"wmav2", "a.wma", kStereo44k + " -c:a wmav2", AV_SAMPLE_FMT_FLTP, 2, 48000, false, false},
+    {"dca", "a.dts", kStereo48k + " -strict -2 -c:a dca", AV_SAMPLE_FMT_DBL, 2, 44100, false, true},
 };
 
 class AudioCodec : public Audio, public ::testing::WithParamInterface<Codec> {};
@@ -125,7 +117,6 @@ TEST_P(AudioCodec, MatchesTheModelThroughGarbage) {
     const size_t half = s.packets.size() / 2;
     EXPECT_GT(decode(s, 0, half), 0);
     EXPECT_EQ(model.resampler_builds(), 1);
-    std::mt19937 rng(12345);
     const std::vector<uint8_t>& real = s.packets[half].data;
     std::vector<std::vector<uint8_t>> bad = {
         {real.begin(), real.begin() + long(real.size() / 2)},
@@ -134,11 +125,10 @@ TEST_P(AudioCodec, MatchesTheModelThroughGarbage) {
     for (size_t i = real.size() / 4; i < real.size(); i += 3) {
         bad.back()[i] ^= 0x5a;
     }
+    std::mt19937 rng(12345);
     for (size_t size : {1u, 7u, 200u, 5000u}) {
         bad.emplace_back(size);
-        for (auto& b : bad.back()) {
-            b = uint8_t(rng());
-        }
+        std::generate(bad.back().begin(), bad.back().end(), [&] { return uint8_t(rng()); });
     }
     for (const auto& b : bad) {
         decode(b, 7);
@@ -152,7 +142,7 @@ TEST_P(AudioCodec, MatchesTheModelThroughGarbage) {
 
 INSTANTIATE_TEST_SUITE_P(Codecs, AudioCodec, ::testing::ValuesIn(kCodecs),
                          [](const ::testing::TestParamInfo<Codec>& info) {
-                             return std::string(info.param.name);
+                             return std::string(info.param.encoder);
                          });
 
 // Stereo 44100 Hz AAC (1024 samples a frame) to packed s16: 4096 bytes, the request's pts plus the
@@ -190,19 +180,17 @@ TEST_F(Audio, FormatChangeRebuildsTheResamplerAndResetFollowsIt) {
 // Setup parameters no decoder or resampler can honour are answered alike by both and never crash.
 TEST_F(Audio, FormatsNothingCanHonourAreAnswered) {
     const Clip& s = clip(kCodecs[6].file, kCodecs[6].args, false);
-    const std::vector<std::array<int32_t, 6>> hostile = {
-        {-5, 2, 44100, AV_SAMPLE_FMT_S16, 2, 44100},
-        {1000, -3, -1, AV_SAMPLE_FMT_S16, 2, 44100},
-        {AV_SAMPLE_FMT_S16, 100000, INT_MAX, AV_SAMPLE_FMT_S16, 2, 44100},
-        {AV_SAMPLE_FMT_S16, 2, 44100, -1, 2, 44100},
-        {AV_SAMPLE_FMT_S16, 2, 44100, AV_SAMPLE_FMT_S16, 0, 44100},
-        {AV_SAMPLE_FMT_S16, 2, 44100, AV_SAMPLE_FMT_S16, -2, 44100},
-        {AV_SAMPLE_FMT_S16, 2, 44100, AV_SAMPLE_FMT_DBLP, 1000, 44100},
-        {AV_SAMPLE_FMT_S16, 2, 44100, AV_SAMPLE_FMT_S16, 2, 1},
-    };
-    for (const auto& h : hostile) {
-        SCOPED_TRACE(::testing::PrintToString(h));
-        const AudioInitParams p{h[0], h[1], h[2], h[3], h[4], h[5]};
+    constexpr int32_t S16 = AV_SAMPLE_FMT_S16;
+    const AudioInitParams hostile[] = {{-5, 2, 44100, S16, 2, 44100},
+                                       {1000, -3, -1, S16, 2, 44100},
+                                       {S16, 100000, INT_MAX, S16, 2, 44100},
+                                       {S16, 2, 44100, -1, 2, 44100},
+                                       {S16, 2, 44100, S16, 0, 44100},
+                                       {S16, 2, 44100, S16, -2, 44100},
+                                       {S16, 2, 44100, AV_SAMPLE_FMT_DBLP, 1000, 44100},
+                                       {S16, 2, 44100, S16, 2, 1}};
+    for (const AudioInitParams& p : hostile) {
+        SCOPED_TRACE("row " + std::to_string(&p - hostile));
         c.close();  // a failed setup ends the worker: a new client each
         ASSERT_EQ(c.connect_posix(daemon.socket_path()), ClientError::kOk);
         if (init(s, p, false) == STATUS_OK) {
@@ -223,26 +211,23 @@ TEST_F(Audio, ConversionBeyondTheOutputAreaIsRefused) {
     }
     // One uncompressed mono frame of `samples` 16-bit samples, stating its own length.
     auto frame = [](uint32_t samples) {
-        std::vector<uint8_t> bytes;
-        size_t bits = 0;
+        std::vector<bool> bits;
         auto put = [&](uint32_t value, int count) {
-            for (int i = count - 1; i >= 0; --i, ++bits) {
-                if (bits % 8 == 0) {
-                    bytes.push_back(0);
-                }
-                bytes.back() |= uint8_t(((value >> i) & 1u) << (7 - bits % 8));
+            while (count-- > 0) {
+                bits.push_back((value >> count) & 1u);
             }
         };
-        put(0, 3);   // single channel element
-        put(0, 16);  // instance tag and unused header bits
-        put(1, 1);   // the sample count is in the frame
-        put(0, 2);   // no extra bits
-        put(1, 1);   // not compressed
+        put(0, 3 + 16);  // single channel element; instance tag and unused header bits
+        put(0b1001, 4);  // the sample count is in the frame; no extra bits; not compressed
         put(samples, 32);
         for (uint32_t i = 0; i < samples; ++i) {
             put((i * 37) & 0xffff, 16);
         }
         put(7, 3);  // end
+        std::vector<uint8_t> bytes((bits.size() + 7) / 8);
+        for (size_t i = 0; i < bits.size(); ++i) {
+            bytes[i / 8] |= uint8_t(bits[i] << (7 - i % 8));
+        }
         return bytes;
     };
     ASSERT_EQ(init(s, mediatools::audio_init_params(s.info, AV_SAMPLE_FMT_DBLP, 16, 44100)),
