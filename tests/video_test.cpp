@@ -1,12 +1,9 @@
 // Video through the daemon, for every codec of the table that the ffmpeg command line here can
 // encode: every answer and picture equals the in-process model (its conversion path, which does
-// not share the service's), the pictures stay close to the command line's own decode, and garbage
-// never stops the worker.
+// not share the service's), and garbage never stops the worker.
 
 #include <algorithm>
 #include <climits>
-#include <cmath>
-#include <cstdio>
 #include <random>
 #include <string>
 #include <vector>
@@ -58,31 +55,6 @@ bool host_has_hw_device() {
     return present;
 }
 
-// The command line's decode of the clip, each picture scaled (bilinear) as asked, in order.
-std::vector<std::vector<uint8_t>> command_line_pictures(const Clip& c, int w, int h, int fmt) {
-    const size_t size = static_cast<size_t>(av_image_get_buffer_size(AVPixelFormat(fmt), w, h, 1));
-    const std::string cmd = "ffmpeg -nostdin -v error -i '" + c.path + "' -f rawvideo -pix_fmt " +
-                            av_get_pix_fmt_name(AVPixelFormat(fmt)) + " -s " + std::to_string(w) +
-                            "x" + std::to_string(h) + " -sws_flags bilinear -";
-    std::vector<std::vector<uint8_t>> pictures;
-    FILE* pipe = popen(cmd.c_str(), "r");
-    for (std::vector<uint8_t> p(size); pipe != nullptr && fread(p.data(), 1, size, pipe) == size;) {
-        pictures.push_back(p);
-    }
-    if (pipe != nullptr) {
-        pclose(pipe);
-    }
-    return pictures;
-}
-
-double psnr(const std::vector<uint8_t>& a, const uint8_t* b) {
-    double sum = 0;
-    for (size_t i = 0; i < a.size(); ++i) {
-        sum += (a[i] - b[i]) * (a[i] - b[i]);
-    }
-    return sum == 0 ? INFINITY : 10 * std::log10(255.0 * 255.0 * a.size() / sum);
-}
-
 class Video : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -125,7 +97,7 @@ class VideoCodec : public Video, public ::testing::WithParamInterface<Codec> {};
 // Three outputs each: the coded size in yuv420p (lines of 176 and 88 bytes: converted through a
 // picture buffer), a downscale to rgba and an upscale to nv12 (lines that are multiples of 64
 // bytes: converted straight into the area). Then garbage.
-TEST_P(VideoCodec, MatchesTheModelAndTheCommandLineThroughGarbage) {
+TEST_P(VideoCodec, MatchesTheModelThroughGarbage) {
     if (!have_encoder(GetParam().encoder)) {
         GTEST_SKIP() << "ffmpeg here has no " << GetParam().encoder;
     }
@@ -136,15 +108,11 @@ TEST_P(VideoCodec, MatchesTheModelAndTheCommandLineThroughGarbage) {
         SCOPED_TRACE(av_get_pix_fmt_name(AVPixelFormat(fmt)));
         ASSERT_NO_FATAL_FAILURE(init(s, w, h, fmt));
         const size_t log_before = daemon.log().size();
-        const std::vector<std::vector<uint8_t>> expected = command_line_pictures(s, w, h, fmt);
         size_t pictures = 0;
         for (size_t i = 0; i < s.packets.size(); ++i) {
             const ExchangeResult r = decode(s, i);
             EXPECT_NE(r.status, STATUS_FAILED) << "packet " << i;
-            if (r.status == STATUS_OK) {
-                ASSERT_LT(pictures, expected.size());
-                EXPECT_GT(psnr(expected[pictures++], c.output()), 40.0) << "picture " << pictures;
-            }
+            pictures += r.status == STATUS_OK;
         }
         // One receive per packet: a decoder with a delay still holds its last pictures.
         EXPECT_GE(pictures, s.packets.size() / 2);
