@@ -6,15 +6,9 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <condition_variable>
-#include <cstring>
-#include <functional>
-#include <mutex>
+#include <algorithm>
 #include <set>
-#include <string>
-#include <vector>
 
-#include <ev++.h>
 #include <gtest/gtest.h>
 
 #include "base/log.h"
@@ -26,85 +20,6 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-// One decoder instance on a memfd block, with this test as its client and its loop.
-class Instance {
-  public:
-    Instance() {
-        fd_ = make_memfd(SHM_BLOCK_SIZE);
-        block = static_cast<uint8_t*>(
-            mmap(nullptr, SHM_BLOCK_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0));
-        notify_ = std::make_shared<ev::async>(loop_);
-        notify_->set<Instance, &Instance::on_notify>(this);
-        notify_->start();
-        decoder.reset(new MediaDecoder(notify_, dup(fd_), false));
-        decoder->run();
-    }
-    ~Instance() {
-        decoder->signal_quit();
-        decoder.reset();
-        notify_->stop();
-        munmap(block, SHM_BLOCK_SIZE);
-        close(fd_);
-    }
-    // Waits for `count` more completions; false after `seconds`.
-    bool completions(int count = 1, double seconds = 20) {
-        const int wanted = done_ + count;
-        ev::timer timeout(loop_);
-        timeout.set<Instance, &Instance::on_timeout>(this);
-        timeout.start(seconds, 0);
-        timed_out_ = false;
-        while (done_ < wanted && !timed_out_) {
-            loop_.run(EVRUN_ONCE);
-        }
-        return done_ >= wanted;
-    }
-    bool request(const void* header, size_t size) {
-        memcpy(block, header, size);
-        decoder->signal_request();
-        return completions();
-    }
-    bool decode(const std::vector<uint8_t>& packet, int64_t pts) {
-        memcpy(block + SHM_INPUT_OFFSET, packet.data(), packet.size());
-        const ExchangeDataRequest r{REQUEST_DECODE_FRAME, 0, int32_t(packet.size()), 0, pts};
-        return request(&r, sizeof(r));
-    }
-    ExchangeResult result() const {
-        ExchangeResult r;
-        memcpy(&r, block + SHM_RESULT_OFFSET, sizeof(r));
-        return r;
-    }
-    void set_result(const ExchangeResult& r) { memcpy(block + SHM_RESULT_OFFSET, &r, sizeof(r)); }
-
-    uint8_t* block = nullptr;
-    std::unique_ptr<MediaDecoder> decoder;
-
-  private:
-    void on_notify(ev::async&, int) { ++done_; }
-    void on_timeout(ev::timer&, int) { timed_out_ = true; }
-    int fd_ = -1;
-    ev::dynamic_loop loop_;
-    std::shared_ptr<ev::async> notify_;
-    int done_ = 0;
-    bool timed_out_ = false;
-};
-
-// The process-wide log in a file for the lifetime of the object.
-struct LogCapture {
-    LogCapture() { SvcLogFile(path.c_str()); }
-    ~LogCapture() { SvcLogFile(nullptr); }
-    std::string text() const { return read_file(path); }
-    size_t count(const std::string& needle) const {
-        size_t n = 0;
-        const std::string t = text();
-        for (size_t at = t.find(needle); at != std::string::npos; at = t.find(needle, at + 1)) {
-            ++n;
-        }
-        return n;
-    }
-    TempDir dir;
-    std::string path = dir.path + "/log";
-};
-
 std::string context_name(const AVCodecContext* ctx) {
     return ctx->hw_device_ctx == nullptr
                ? "sw"
@@ -112,19 +27,24 @@ std::string context_name(const AVCodecContext* ctx) {
                      reinterpret_cast<const AVHWDeviceContext*>(ctx->hw_device_ctx->data)->type);
 }
 
-// What a candidate's stand-in decode does with a packet.
-enum class Act { kReal, kFail, kNeedMore };
+// What the taker's stand-in decode does with a packet.
+enum class Act { kFail, kNeedMore, kReal };
 
 std::mutex freed_mutex;
 Names freed_devices;
 
-// The seam for the lifetime of a test: devices of every type but the refused ones, decodes as
-// the script says, every decode call recorded by context name.
-struct FakeHardware {
-    explicit FakeHardware(Instance& in) {
+// One decoder instance on a memfd block, with this test as its client and its loop, the log in a
+// file. The seam makes devices of every type but the refused ones; software decodes for real, the
+// taker as told, the other candidates fail; a gated decode first waits for a permit; every decode
+// call is recorded by name.
+class Decoder : public ::testing::Test {
+  public:
+    Decoder() {
+        SvcLogFile(log_path.c_str());
         seam.create_device = [this](AVBufferRef** device, AVHWDeviceType type) {
             const char* name = av_hwdevice_get_type_name(type);
-            if (refused == name || (*device = av_hwdevice_ctx_alloc(type)) == nullptr) {
+            if (refused.find(name) != std::string::npos ||
+                (*device = av_hwdevice_ctx_alloc(type)) == nullptr) {
                 return AVERROR(ENODEV);
             }
             auto* ctx = reinterpret_cast<AVHWDeviceContext*>((*device)->data);
@@ -135,316 +55,268 @@ struct FakeHardware {
             };
             return 0;
         };
-        seam.decode_context = [this, &in](AVCodecContext* ctx, const std::function<int()>& real) {
+        seam.decode_context = [this](AVCodecContext* ctx, const std::function<int()>& real) {
             calls.push_back(context_name(ctx));
-            switch (script ? script(calls.back()) : Act::kReal) {
-                case Act::kReal:
-                    return real();
-                case Act::kFail:
-                    in.set_result({STATUS_FAILED, 0, 0, 0, 0});
-                    return AVERROR(EINVAL);
-                case Act::kNeedMore:  // the call's number in the pts tells which call answered
-                    in.set_result({STATUS_NEED_MORE_DATA, 0, 0, 0, int64_t(calls.size())});
-                    return 0;
+            ++entered;
+            if (gated && !wait_until(30000, [this] { return permits > 0; })) {
+                return AVERROR(ETIMEDOUT);
             }
-            return AVERROR_BUG;
+            permits -= gated ? 1 : 0;
+            const Act a = calls.back() == "sw"                     ? Act::kReal
+                          : taker.empty() || taker == calls.back() ? act
+                                                                   : Act::kFail;
+            if (a == Act::kReal) {
+                return real();
+            }
+            // The call's number in the pts tells which call answered.
+            result() = {a == Act::kFail ? STATUS_FAILED : STATUS_NEED_MORE_DATA, 0, 0, 0,
+                        int64_t(calls.size())};
+            return a == Act::kFail ? AVERROR(EINVAL) : 0;
         };
         MediaDecoder::hw_seam = &seam;
-        freed_devices.clear();
+        notify->set<Decoder, &Decoder::on_notify>(this);
+        notify->start();
+        decoder.reset(new MediaDecoder(notify, dup(fd), false));
+        decoder->run();
     }
-    ~FakeHardware() { MediaDecoder::hw_seam = nullptr; }
-    Names take_calls() { return std::move(calls); }
-
-    MediaDecoder::hw_seam_t seam;
-    std::string refused;
-    std::function<Act(const std::string&)> script;
-    Names calls;  // touched by the worker only while the test waits for its completion
-};
-
-class HwTrial : public ::testing::Test {
-  public:
-    void SetUp() override {
-        for (const char* name : HW_DEVICE_TYPES) {
-            AVBufferRef* device = av_hwdevice_ctx_alloc(av_hwdevice_find_type_by_name(name));
-            if (device == nullptr) {  // Debian 11's FFmpeg 4.3 has no CUDA
-                GTEST_SKIP() << "this FFmpeg has no " << name << " device support";
-            }
-            av_buffer_unref(&device);
-        }
+    ~Decoder() override {
+        decoder->signal_quit();
+        decoder.reset();
+        notify->stop();
+        munmap(block, SHM_BLOCK_SIZE);
+        close(fd);
+        MediaDecoder::hw_seam = nullptr;
+        SvcLogFile(nullptr);
     }
-    void init(const Clip& s, int32_t config_size = -1) {
-        memcpy(in.block + SHM_INPUT_OFFSET, s.info.extradata.data(), s.info.extradata.size());
+    void on_notify(ev::async&, int) { ++done; }
+    // Waits for `count` more completions; false after `ms`.
+    bool completions(int count = 1, int ms = 20000) {
+        const int wanted = done + count;
+        return wait_until(ms, [&] {
+            loop.run(EVRUN_NOWAIT);
+            return done >= wanted;
+        });
+    }
+    bool request(const void* header, size_t size, const void* input = "", size_t n = 0) {
+        memcpy(block + SHM_INPUT_OFFSET, input, n);
+        memcpy(block, header, size);
+        decoder->signal_request();
+        return completions();
+    }
+    bool decode(const std::vector<uint8_t>& packet, int64_t pts = 0) {
+        const ExchangeDataRequest r{REQUEST_DECODE_FRAME, 0, int32_t(packet.size()), 0, pts};
+        return request(&r, sizeof(r), packet.data(), packet.size());
+    }
+    ExchangeResult& result() {
+        return *reinterpret_cast<ExchangeResult*>(block + SHM_RESULT_OFFSET);
+    }
+    // A video setup with the clip's configuration bytes.
+    void init(const Clip& s) {
+        const auto& i = s.info;
         const ExchangeVideoInit r{REQUEST_INIT_CODEC,
                                   MEDIA_TYPE_VIDEO,
                                   s.codec_index(),
-                                  s.info.width,
-                                  s.info.height,
-                                  s.info.pix_fmt,
-                                  config_size < 0 ? int32_t(s.info.extradata.size()) : config_size,
+                                  i.width,
+                                  i.height,
+                                  i.pix_fmt,
+                                  int32_t(i.extradata.size()),
                                   176,
                                   144,
                                   0};
-        ASSERT_TRUE(in.request(&r, sizeof(r)));
-        ASSERT_EQ(in.result().status, STATUS_OK);
-        hw.take_calls();
+        ASSERT_TRUE(request(&r, sizeof(r), i.extradata.data(), i.extradata.size()));
+        ASSERT_EQ(result().status, STATUS_OK);
+        calls.clear();
     }
-    Names decode(size_t i) {
-        EXPECT_TRUE(in.decode(h264().packets[i].data, h264().packets[i].pts));
-        return hw.take_calls();
+    size_t count(const std::string& needle) const {
+        const std::string t = read_file(log_path);
+        size_t n = 0;
+        for (size_t at = t.find(needle); at != std::string::npos; at = t.find(needle, at + 1)) {
+            ++n;
+        }
+        return n;
     }
     Names candidates() {
         Names names;
-        for (const auto& c : in.decoder->video_ctx->hw_codec_candidates) {
+        for (const auto& c : decoder->video_ctx->hw_codec_candidates) {
             names.push_back(context_name(c.get()));
         }
         return names;
     }
     std::string chosen() {
-        const auto& ctx = in.decoder->video_ctx->hw_codec_ctx;
+        const auto& ctx = decoder->video_ctx->hw_codec_ctx;
         return ctx ? context_name(ctx.get()) : "";
     }
-    static const Clip& h264() {
-        return clip("trial.mp4", "-f lavfi -i testsrc2=size=176x144 -frames:v 8 -c:v libx264");
-    }
+    // Debian 11's FFmpeg 4.3 has no CUDA: a device type missing here leaves too few candidates.
+    bool all_device_types() { return candidates().size() == std::size(HW_DEVICE_TYPES); }
 
-    LogCapture log;
-    Instance in;
-    FakeHardware hw{in};
+    TempDir dir;
+    const std::string log_path = dir.path + "/log";
+    const Clip& h264 =
+        clip("trial.mp4", "-f lavfi -i testsrc2=size=176x144 -frames:v 8 -c:v libx264");
+    MediaDecoder::hw_seam_t seam;
+    std::string refused, taker;  // taker: the candidate that does `act`; empty: every one
+    Act act = Act::kReal;
+    Names calls;  // touched by the worker only while the test waits for its completion
+    bool gated = false;
+    std::atomic<int> entered{0}, permits{0};
+    int fd = make_memfd(SHM_BLOCK_SIZE);
+    uint8_t* block = static_cast<uint8_t*>(
+        mmap(nullptr, SHM_BLOCK_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+    ev::dynamic_loop loop;
+    std::shared_ptr<ev::async> notify = std::make_shared<ev::async>(loop);
+    std::unique_ptr<MediaDecoder> decoder;
+    int done = 0;
 };
 
-// One candidate per device type, in table order, each with its own copy of the configuration
-// bytes; a device that cannot be created drops its candidate and keeps the others in order.
-TEST_F(HwTrial, SetupMakesOneCandidatePerDeviceType) {
-    ASSERT_NO_FATAL_FAILURE(init(h264()));
-    EXPECT_EQ(candidates(), (Names{"vdpau", "cuda", "vaapi"}));
-    const size_t n = h264().info.extradata.size();
-    std::vector<const AVCodecContext*> all{in.decoder->video_ctx->sw_codec_ctx.get()};
-    for (const auto& c : in.decoder->video_ctx->hw_codec_candidates) {
-        all.push_back(c.get());
-        EXPECT_EQ(
-            static_cast<MediaDecoder::hw_user_data_t*>(c->opaque)->hw_pix_fmt,
-            hw_surface_format(c->codec,
-                              reinterpret_cast<AVHWDeviceContext*>(c->hw_device_ctx->data)->type));
-    }
-    std::set<const uint8_t*> copies;
-    for (const AVCodecContext* c : all) {
-        ASSERT_EQ(c->extradata_size, int(n));
-        EXPECT_EQ(memcmp(c->extradata, h264().info.extradata.data(), n), 0);
-        copies.insert(c->extradata);
-    }
-    EXPECT_EQ(copies.size(), all.size());
-    hw.refused = "cuda";
-    ASSERT_NO_FATAL_FAILURE(init(h264()));
-    EXPECT_EQ(candidates(), (Names{"vdpau", "vaapi"}));
-    EXPECT_EQ(log.count("failed to create specified HW device: "), 1u);
-    EXPECT_EQ(log.count("failed to initialize HW decoder"), 1u);
+Names without(Names names, const std::string& name) {
+    names.erase(std::remove(names.begin(), names.end(), name), names.end());
+    return names;
 }
 
-// A script of decodes: what the candidates do, which calls the packet makes, and the choice.
-struct Trial {
-    const char* name;
-    std::vector<std::function<Act(const std::string&)>> scripts;  // one per packet
-    std::vector<Names> calls;                                     // one per packet
-    std::string chosen;
-    Names left;
-    int32_t last_status;
+// Per packet: the candidate that does `act` (empty: every one), the decode calls it makes.
+struct Packet {
+    std::string taker;
+    Act act;
+    Names calls;
 };
 
-class Trials : public HwTrial, public ::testing::WithParamInterface<Trial> {};
-
-TEST_P(Trials, ChooseTheFirstAcceptingCandidate) {
-    const Trial& t = GetParam();
-    ASSERT_NO_FATAL_FAILURE(init(h264()));
-    for (size_t i = 0; i < t.scripts.size(); ++i) {
-        hw.script = t.scripts[i];
-        EXPECT_EQ(decode(i), t.calls[i]) << "packet " << i;
-    }
-    EXPECT_EQ(chosen(), t.chosen);
-    EXPECT_EQ(candidates(), t.left);
-    EXPECT_EQ(in.result().status, t.last_status);
-}
-
-Act fail_but(const std::string& ctx, const char* ok, Act act) {
-    return ctx == ok ? act : Act::kFail;
-}
-
-const Names kAll{"vdpau", "cuda", "vaapi"};
-
-INSTANTIATE_TEST_SUITE_P(
-    HwTrial, Trials,
-    ::testing::Values(
-        // Even without a picture the first accepting candidate is chosen and decodes the packet
-        // again; the ones behind it are never tried.
-        Trial{"NeedMoreDataChooses",
-              {[](auto&) { return Act::kNeedMore; }},
-              {{"vdpau", "vdpau"}},
-              "vdpau",
-              {"cuda", "vaapi"},
-              STATUS_NEED_MORE_DATA},
-        Trial{"SecondAccepts",
-              {[](auto& c) { return fail_but(c, "cuda", Act::kNeedMore); },
-               [](auto&) { return Act::kNeedMore; }},
-              {{"vdpau", "cuda", "cuda"}, {"cuda"}},
-              "cuda",
-              {"vdpau", "vaapi"},
-              STATUS_NEED_MORE_DATA},
+// Setup makes one candidate per device type in table order, each with its own copy of the
+// configuration bytes; the first candidate to accept a packet, even without a picture, is chosen,
+// decodes it again and answers; the ones behind it are never tried.
+TEST_F(Decoder, FirstAcceptingCandidateIsChosen) {
+    const Names all{"vdpau", "cuda", "vaapi"};
+    const std::vector<std::tuple<std::string, std::vector<Packet>, std::string>> trials = {
+        {"", {{"", Act::kNeedMore, {"vdpau", "vdpau"}}}, "vdpau"},
         // While every candidate fails, software decodes, and each packet tries them again.
-        Trial{"SoftwareWhileAllFail",
-              {[](auto& c) { return fail_but(c, "sw", Act::kReal); },
-               [](auto& c) { return fail_but(c, "sw", Act::kReal); },
-               [](auto& c) { return fail_but(c, "vaapi", Act::kNeedMore); }},
-              {{"vdpau", "cuda", "vaapi", "sw"},
-               {"vdpau", "cuda", "vaapi", "sw"},
-               {"vdpau", "cuda", "vaapi", "vaapi"}},
-              "vaapi",
-              {"vdpau", "cuda"},
-              STATUS_NEED_MORE_DATA},
+        {"",
+         {{"sw", Act::kReal, {"vdpau", "cuda", "vaapi", "sw"}},
+          {"sw", Act::kReal, {"vdpau", "cuda", "vaapi", "sw"}},
+          {"vaapi", Act::kNeedMore, {"vdpau", "cuda", "vaapi", "vaapi"}}},
+         "vaapi"},
         // Once chosen, a context that fails a packet fails that request alone: no fallback.
-        Trial{"ChosenFailsAlone",
-              {[](auto&) { return Act::kNeedMore; }, [](auto&) { return Act::kFail; }},
-              {{"vdpau", "vdpau"}, {"vdpau"}},
-              "vdpau",
-              {"cuda", "vaapi"},
-              STATUS_FAILED}),
-    [](const ::testing::TestParamInfo<Trial>& info) { return std::string(info.param.name); });
+        {"", {{"", Act::kNeedMore, {"vdpau", "vdpau"}}, {"", Act::kFail, {"vdpau"}}}, "vdpau"},
+        // A device that cannot be created drops its candidate and keeps the others in order.
+        {"cuda", {{"vaapi", Act::kNeedMore, {"vdpau", "vaapi", "vaapi"}}}, "vaapi"},
+        {"",
+         {{"cuda", Act::kNeedMore, {"vdpau", "cuda", "cuda"}}, {"", Act::kNeedMore, {"cuda"}}},
+         "cuda"},
+    };
+    for (const auto& [refusing, packets, chosen_one] : trials) {
+        SCOPED_TRACE("chosen " + chosen_one);
+        refused = refusing;
+        ASSERT_NO_FATAL_FAILURE(init(h264));
+        if (refused.empty() && !all_device_types()) {
+            GTEST_SKIP() << "this FFmpeg lacks a hardware device type";
+        }
+        EXPECT_EQ(candidates(), without(all, refused));
+        const auto& bytes = h264.info.extradata;
+        std::set<const uint8_t*> copies{decoder->video_ctx->sw_codec_ctx->extradata};
+        for (const auto& c : decoder->video_ctx->hw_codec_candidates) {
+            ASSERT_EQ(c->extradata_size, int(bytes.size()));
+            EXPECT_EQ(memcmp(c->extradata, bytes.data(), bytes.size()), 0);
+            copies.insert(c->extradata);
+            const auto* device = reinterpret_cast<AVHWDeviceContext*>(c->hw_device_ctx->data);
+            EXPECT_EQ(static_cast<MediaDecoder::hw_user_data_t*>(c->opaque)->hw_pix_fmt,
+                      hw_surface_format(c->codec, device->type));
+        }
+        EXPECT_EQ(copies.size(), candidates().size() + 1);
+        for (size_t i = 0; i < packets.size(); ++i) {
+            taker = packets[i].taker;
+            act = packets[i].act;
+            EXPECT_TRUE(decode(h264.packets[i].data, h264.packets[i].pts));
+            EXPECT_EQ(calls, packets[i].calls) << "packet " << i;
+            if (act != Act::kReal) {
+                EXPECT_EQ(result().status,
+                          act == Act::kFail ? STATUS_FAILED : STATUS_NEED_MORE_DATA);
+                EXPECT_EQ(result().output_pts, int64_t(packets[i].calls.size()));
+            }
+            calls.clear();
+        }
+        EXPECT_EQ(chosen(), chosen_one);
+        EXPECT_EQ(candidates(), without(without(all, refused), chosen_one));
+    }
+    EXPECT_EQ(count("failed to create specified HW device: "), 1u);
+    EXPECT_EQ(count("failed to initialize HW decoder"), 1u);
 
-// The second pass answers, not the trial; configuration bytes go to the software and the chosen
-// context only; the candidates are released in list order, then the chosen one.
-TEST_F(HwTrial, ChosenContextTakesConfigurationAndIsReleasedLast) {
-    ASSERT_NO_FATAL_FAILURE(init(h264()));
-    hw.script = [](const std::string& c) { return fail_but(c, "cuda", Act::kNeedMore); };
-    decode(0);
-    EXPECT_EQ(in.result().output_pts, 3);
-    auto& state = *in.decoder->video_ctx;
+    // Configuration bytes go to the software and the chosen context only; the candidates are
+    // released in list order, then the chosen one.
+    auto& state = *decoder->video_ctx;
     const int before = state.sw_codec_ctx->extradata_size;
-    memcpy(in.block + SHM_INPUT_OFFSET, "\x00\x00\x00\x01\x09\xf0", 6);
+    const char* nal = "\x00\x00\x00\x01\x09\xf0";
     const ExchangeDataRequest config{REQUEST_CODEC_CONFIG, 0, 6, 0, 0};
-    ASSERT_TRUE(in.request(&config, sizeof(config)));
+    ASSERT_TRUE(request(&config, sizeof(config), nal, 6));
     EXPECT_EQ(state.sw_codec_ctx->extradata_size, before + 6);
-    EXPECT_EQ(state.hw_codec_ctx->extradata_size, before + 6);
-    EXPECT_EQ(memcmp(state.hw_codec_ctx->extradata + before, "\x00\x00\x00\x01\x09\xf0", 6), 0);
+    ASSERT_EQ(state.hw_codec_ctx->extradata_size, before + 6);
+    EXPECT_EQ(memcmp(state.hw_codec_ctx->extradata + before, nal, 6), 0);
     for (const auto& c : state.hw_codec_candidates) {
         EXPECT_EQ(c->extradata_size, before);
     }
+    freed_devices.clear();
     const uint32_t destroy = REQUEST_DESTROY_CONTEXT;
-    ASSERT_TRUE(in.request(&destroy, sizeof(destroy)));
+    ASSERT_TRUE(request(&destroy, sizeof(destroy)));
     EXPECT_EQ(freed_devices, (Names{"vdpau", "vaapi", "cuda"}));
 }
 
 // A decoder without a hardware configuration for a device type still gets that candidate; it
 // fails in get_hw_format whenever it decodes, for real, and allocates no temporary frame.
-TEST_F(HwTrial, CandidateWithoutSurfaceFormatFailsForReal) {
-    const Clip& vp8 =
-        clip("trial.webm", "-f lavfi -i testsrc2=size=176x144 -frames:v 4 -c:v libvpx");
+TEST_F(Decoder, CandidateWithoutSurfaceFormatFailsForReal) {
     const AVCodec* codec = avcodec_find_decoder(AV_CODEC_ID_VP8);
-    std::string missing;
     for (const char* type : HW_DEVICE_TYPES) {
-        if (missing.empty() &&
+        if (taker.empty() &&
             hw_surface_format(codec, av_hwdevice_find_type_by_name(type)) == AV_PIX_FMT_NONE) {
-            missing = type;
+            taker = type;  // decodes for real
         }
     }
-    if (missing.empty() || !have_encoder("libvpx")) {
+    if (taker.empty() || !have_encoder("libvpx")) {
         GTEST_SKIP() << "no VP8 encoder, or every hardware configuration for VP8";
     }
+    const Clip& vp8 =
+        clip("trial.webm", "-f lavfi -i testsrc2=size=176x144 -frames:v 4 -c:v libvpx");
     ASSERT_NO_FATAL_FAILURE(init(vp8));
-    EXPECT_EQ(log.count("decoder vp8 does not support device type " + missing), 1u);
-    hw.script = [missing](const std::string& c) {
-        return c == "sw" || c == missing ? Act::kReal : Act::kFail;
-    };
+    if (!all_device_types()) {
+        GTEST_SKIP() << "this FFmpeg lacks a hardware device type";
+    }
+    EXPECT_EQ(count("decoder vp8 does not support device type " + taker), 1u);
     for (size_t i = 0; i < 3; ++i) {
-        EXPECT_TRUE(in.decode(vp8.packets[i].data, 0));
-        EXPECT_EQ(hw.take_calls(), (Names{"vdpau", "cuda", "vaapi", "sw"}));
+        EXPECT_TRUE(decode(vp8.packets[i].data));
+        EXPECT_EQ(calls, (Names{"vdpau", "cuda", "vaapi", "sw"}));
+        calls.clear();
     }
-    EXPECT_EQ(log.count("failed to get HW surface format"), 3u);
+    EXPECT_EQ(count("failed to get HW surface format"), 3u);
     EXPECT_EQ(chosen(), "");
-    EXPECT_EQ(log.count("freeing temp SW frame"),
-              log.count("decoding video frame") - log.count("error sending a packet for decoding"));
+    EXPECT_EQ(count("freeing temp SW frame"),
+              count("decoding video frame") - count("error sending a packet for decoding"));
 }
-
-// Holds the worker inside each software decode until the test lets it go on.
-struct Gate : FakeHardware {
-    explicit Gate(Instance& in) : FakeHardware(in) {
-        seam.create_device = [](AVBufferRef**, AVHWDeviceType) { return AVERROR(ENODEV); };
-        seam.decode_context = [this](AVCodecContext*, const std::function<int()>& real) {
-            std::unique_lock<std::mutex> lock(mutex);
-            ++entered;
-            cond.notify_all();
-            cond.wait_for(lock, std::chrono::seconds(30), [this] { return permits > 0; });
-            --permits;
-            lock.unlock();
-            return real();
-        };
-    }
-    bool wait_entered(int n) {
-        std::unique_lock<std::mutex> lock(mutex);
-        return cond.wait_for(lock, std::chrono::seconds(20), [&] { return entered >= n; });
-    }
-    void release() {
-        std::lock_guard<std::mutex> lock(mutex);
-        ++permits;
-        cond.notify_all();
-    }
-    std::mutex mutex;
-    std::condition_variable cond;
-    int entered = 0, permits = 0;
-};
 
 // Request signals during a running request merge into one more run of the header; a quit signal
 // lets the running request finish and answer, and nothing runs after it.
-TEST(Signals, DuringARunningRequest) {
+TEST_F(Decoder, SignalsDuringARunningRequest) {
+    refused = "vdpau cuda vaapi";  // software alone
+    ASSERT_NO_FATAL_FAILURE(init(h264));
+    gated = true;
     for (bool quit : {false, true}) {
-        SCOPED_TRACE(quit ? "quit" : "two requests");
-        LogCapture log;
-        Instance in;
-        Gate gate(in);
-        const Clip& s = HwTrial::h264();
-        const ExchangeVideoInit init{
-            REQUEST_INIT_CODEC, MEDIA_TYPE_VIDEO, s.codec_index(), 64, 64, 0, 0, 64, 64, 0};
-        ASSERT_TRUE(in.request(&init, sizeof(init)));
         const ExchangeDataRequest decode{REQUEST_DECODE_FRAME, 0, 13, 0, 0};
-        memcpy(in.block, &decode, sizeof(decode));
-        in.decoder->signal_request();
-        ASSERT_TRUE(gate.wait_entered(1));
+        memcpy(block, &decode, sizeof(decode));
+        decoder->signal_request();
+        ASSERT_TRUE(wait_until(20000, [&] { return entered == (quit ? 3 : 1); }));
         if (quit) {
-            in.decoder->signal_quit();
+            decoder->signal_quit();
         } else {
-            in.decoder->signal_request();
-            in.decoder->signal_request();
+            decoder->signal_request();
+            decoder->signal_request();
         }
-        gate.release();
-        EXPECT_TRUE(in.completions());
-        EXPECT_EQ(in.result().status, STATUS_FAILED);
+        ++permits;
+        EXPECT_TRUE(completions());
+        EXPECT_EQ(result().status, STATUS_FAILED);
         if (!quit) {
-            ASSERT_TRUE(gate.wait_entered(2));
-            gate.release();
-            EXPECT_TRUE(in.completions());
+            ASSERT_TRUE(wait_until(20000, [&] { return entered == 2; }));
+            ++permits;
+            EXPECT_TRUE(completions());
         }
-        EXPECT_FALSE(in.completions(1, 0.3));
-        EXPECT_EQ(gate.entered, quit ? 1 : 2);
-        EXPECT_EQ(log.count("decode frame"), quit ? 1u : 2u);
+        EXPECT_FALSE(completions(1, 300));
+        EXPECT_EQ(entered, quit ? 3 : 2);
+        EXPECT_EQ(count("decode frame"), quit ? 3u : 2u);
     }
-}
-
-// get_hw_format picks the surface format of the context's device among those offered.
-TEST(HwFormat, PicksTheDeviceSurfaceFormat) {
-    LogCapture log;
-    AVCodecContext* ctx = avcodec_alloc_context3(nullptr);
-    const AVPixelFormat offered[] = {AV_PIX_FMT_VAAPI, AV_PIX_FMT_CUDA, AV_PIX_FMT_YUV420P,
-                                     AV_PIX_FMT_NONE};
-    EXPECT_EQ(MediaDecoder::get_hw_format(ctx, offered), AV_PIX_FMT_NONE);
-    EXPECT_EQ(log.count("failed to get user data from codec context"), 1u);
-    MediaDecoder::hw_user_data_t data;
-    ctx->opaque = &data;
-    for (AVPixelFormat want : {AV_PIX_FMT_NONE, AV_PIX_FMT_VDPAU, AV_PIX_FMT_CUDA}) {
-        data.hw_pix_fmt = want;
-        EXPECT_EQ(MediaDecoder::get_hw_format(ctx, offered),
-                  want == AV_PIX_FMT_CUDA ? want : AV_PIX_FMT_NONE);
-    }
-    EXPECT_EQ(log.count("failed to get HW surface format"), 2u);
-    EXPECT_EQ(log.count("get_hw_format: cuda"), 1u);
-    ctx->opaque = nullptr;
-    avcodec_free_context(&ctx);
 }
 
 }  // namespace
