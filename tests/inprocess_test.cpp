@@ -98,7 +98,9 @@ class Decoder : public ::testing::Test {
         });
     }
     bool request(const void* header, size_t size, const void* input = "", size_t n = 0) {
-        memcpy(block + SHM_INPUT_OFFSET, input, n);
+        if (n > 0) {  // an empty vector's data() may be null
+            memcpy(block + SHM_INPUT_OFFSET, input, n);
+        }
         memcpy(block, header, size);
         decoder->signal_request();
         return completions();
