@@ -18,7 +18,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <map>
 #include <random>
 #include <string>
@@ -52,7 +51,7 @@ constexpr bool kSanitized = false;
 
 // Written by the client processes, read here: shared anonymous memory made before the first fork.
 struct Counters {
-    std::atomic<uint64_t> requests, outputs, dropped, failures;
+    std::atomic<unsigned long long> requests, outputs, dropped, failures;
     char last_failure[160];
 };
 Counters* counters = nullptr;
@@ -258,7 +257,7 @@ TEST_F(Soak, ClientsComeAndGoAndTheDaemonReturnsToItsBaseline) {
     chaos(std::min(seconds, 10));
     ASSERT_TRUE(daemon.running()) << "the daemon died during the warm-up";
     const ProcStat baseline = settle(idle);
-    const uint64_t requests = counters->requests, outputs = counters->outputs;
+    const unsigned long long requests = counters->requests, outputs = counters->outputs;
     const int started_before = started, killed_before = killed;
     chaos(seconds);
     ASSERT_TRUE(daemon.running()) << "the daemon died during the soak";
@@ -268,12 +267,10 @@ TEST_F(Soak, ClientsComeAndGoAndTheDaemonReturnsToItsBaseline) {
         "soak: %d s, %d clients, %d killed, %d crashed; %llu requests, %llu outputs, %llu "
         "dropped after shrinking; fds %d -> %d, threads %d -> %d, rss %ld -> %ld kB\n",
         seconds, started - started_before, killed - killed_before, crashed,
-        static_cast<unsigned long long>(counters->requests - requests),
-        static_cast<unsigned long long>(counters->outputs - outputs),
-        static_cast<unsigned long long>(counters->dropped.load()), baseline.fds, end.fds,
-        baseline.threads, end.threads, baseline.rss_kb, end.rss_kb);
+        counters->requests - requests, counters->outputs - outputs, counters->dropped.load(),
+        baseline.fds, end.fds, baseline.threads, end.threads, baseline.rss_kb, end.rss_kb);
     EXPECT_EQ(crashed, 0);
-    EXPECT_EQ(counters->failures, 0u) << counters->last_failure;
+    EXPECT_EQ(counters->failures, 0ull) << counters->last_failure;
     EXPECT_EQ(end.fds, baseline.fds);
     EXPECT_EQ(end.threads, baseline.threads);
     EXPECT_TRUE(kSanitized || end.rss_kb <= baseline.rss_kb + kRssMarginKb) << end.rss_kb;
