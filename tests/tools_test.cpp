@@ -39,6 +39,8 @@ class Tools : public ::testing::Test {
         status = system(("timeout 60 " MEDIA_DECODE_BIN " " + args + " >" + dir.path + "/out 2>" +
                          dir.path + "/err")
                             .c_str());
+#else
+        (void)args;
 #endif
         out = read_file(dir.path + "/out");
         err = read_file(dir.path + "/err");
