@@ -88,10 +88,12 @@ class Decoder : public ::testing::Test {
         MediaDecoder::hw_seam = nullptr;
         SvcLogFile(nullptr);
     }
-    void on_notify(ev::async&, int) { ++done; }
+    // The count, loaded with acquire, makes what the request wrote visible to race detectors too;
+    // signals sent close together may also arrive as one.
+    void on_notify(ev::async&, int) { done = decoder->completed_requests(); }
     // Waits for `count` more completions; false after `ms`.
     bool completions(int count = 1, int ms = 20000) {
-        const int wanted = done + count;
+        const uint64_t wanted = done + uint64_t(count);
         return wait_until(ms, [&] {
             loop.run(EVRUN_NOWAIT);
             return done >= wanted;
@@ -167,7 +169,7 @@ class Decoder : public ::testing::Test {
     ev::dynamic_loop loop;
     std::shared_ptr<ev::async> notify = std::make_shared<ev::async>(loop);
     std::unique_ptr<MediaDecoder> decoder;
-    int done = 0;
+    uint64_t done = 0;
 };
 
 Names without(Names names, const std::string& name) {
