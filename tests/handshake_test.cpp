@@ -37,7 +37,7 @@ std::string shm_open_error_of_empty_name() {
 TEST_F(Handshake, RefusalsAreLoggedAndLeaveNothingOpen) {
     const std::string missing = "/svc-test-missing-" + std::to_string(getpid());
     shm_unlink(missing.c_str());
-    ScopedShm small(4096);
+    ScopedShm small(SHM_BLOCK_SIZE - 4096);  // larger than any one area, smaller than the block
     UniqueFd null_fd(open("/dev/null", O_RDONLY | O_CLOEXEC)), region(make_memfd(SHM_BLOCK_SIZE));
     UniqueFd small_region(make_memfd(4096));
     UniqueFd plain(

@@ -169,6 +169,10 @@ TEST_F(Requests, SizeLimits) {
     }
     EXPECT_EQ(daemon.count("wrong packet size passed"), 5u);
     EXPECT_EQ(daemon.count("decoding audio frame"), 0u);
+    // A packet may fill the whole area.
+    call_with_size(c.write_decode_frame(nullptr, 0, 5), REQ_DATA_SIZE_OFFSET, area);
+    EXPECT_EQ(daemon.count("wrong packet size passed"), 5u);
+    EXPECT_EQ(daemon.count("decoding audio frame"), 1u);
     for (int32_t size : {0, -4, area + 1}) {
         const ClientError w = c.write_codec_config(nullptr, 0);
         EXPECT_TRUE(same(call_with_size(w, REQ_DATA_SIZE_OFFSET, size), kMarker)) << size;
