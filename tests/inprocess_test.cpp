@@ -323,4 +323,28 @@ TEST_F(Decoder, SignalsDuringARunningRequest) {
     }
 }
 
+// get_hw_format picks the surface format of the context's device among those offered and needs
+// the context's user data; a descriptor that cannot be mapped makes no valid instance.
+TEST_F(Decoder, SurfaceFormatAndUnmappableBlock) {
+    AVCodecContext* ctx = avcodec_alloc_context3(nullptr);
+    const AVPixelFormat offered[] = {AV_PIX_FMT_VAAPI, AV_PIX_FMT_CUDA, AV_PIX_FMT_NONE};
+    EXPECT_EQ(MediaDecoder::get_hw_format(ctx, offered), AV_PIX_FMT_NONE);
+    MediaDecoder::hw_user_data_t data;
+    ctx->opaque = &data;
+    for (AVPixelFormat want : {AV_PIX_FMT_VDPAU, AV_PIX_FMT_CUDA}) {
+        data.hw_pix_fmt = want;
+        EXPECT_EQ(MediaDecoder::get_hw_format(ctx, offered),
+                  want == AV_PIX_FMT_CUDA ? want : AV_PIX_FMT_NONE);
+    }
+    ctx->opaque = nullptr;
+    avcodec_free_context(&ctx);
+    EXPECT_EQ(count("failed to get user data from codec context"), 1u);
+    EXPECT_EQ(count("failed to get HW surface format"), 1u);
+    EXPECT_EQ(count("get_hw_format: cuda"), 1u);
+
+    MediaDecoder unmappable(notify, -1, false);
+    EXPECT_FALSE(unmappable.valid);
+    EXPECT_EQ(count("map shared memory failed: [9] "), 1u);
+}
+
 }  // namespace

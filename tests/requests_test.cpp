@@ -194,6 +194,11 @@ TEST_F(Requests, SizeLimits) {
     }
     EXPECT_EQ(daemon.count("output image size overflow!!"), 1u);
     EXPECT_GE(daemon.count("cannot initialize convertion context"), 2u);
+    // Configuration bytes beyond the input area fail the setup (and end the worker).
+    const ExchangeResult r = call_with_size(
+        c.write_init_video(v.codec_index(), mediatools::video_init_params(v.info, 8, 8, 0)),
+        REQ_PARAM_OFFSET + 3 * sizeof(int32_t), area + 1);
+    EXPECT_EQ(r.status, STATUS_FAILED);
 }
 
 // These are answered (the result area as it was) and end the worker: later doorbells are read but
