@@ -139,7 +139,7 @@ enum class Block { kPosix, kDescriptor, kRefused };
 class OutputClear : public ::testing::TestWithParam<Block> {
   protected:
     void SetUp() override { ASSERT_TRUE(daemon.start()); }
-    Daemon daemon{[this] {
+    Daemon daemon{[] {
         Daemon::Options options;
         if (GetParam() == Block::kRefused) {
             options.env["SVC_TEST_REFUSE_PAGE_RELEASE"] = "1";
