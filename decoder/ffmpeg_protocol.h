@@ -70,3 +70,14 @@ inline AVPixelFormat hw_surface_format(const AVCodec* codec, AVHWDeviceType type
         }
     }
 }
+
+// The channel layout a decoded audio frame is resampled from: its own, or the default layout for
+// its channel count where its layout is missing or disagrees with that count.
+inline int64_t frame_input_layout(const AVFrame* frame) {
+    const uint64_t layout = ffcompat::frame_channel_layout(frame);
+    const int channels = ffcompat::frame_channels(frame);
+    if (layout == 0 || ffcompat::layout_nb_channels(layout) != channels) {
+        return ffcompat::default_channel_layout(channels);
+    }
+    return static_cast<int64_t>(layout);
+}

@@ -82,13 +82,8 @@ bool MediaDecoder::init_audio_codec_context(AVCodecID codec_id, int in_sample_fm
 // A frame whose layout is missing or disagrees with its channel count is taken in the default
 // layout for that count.
 int MediaDecoder::update_resampler(audio_context_t& state, const AVFrame* frm) {
-    const uint64_t frame_layout = ffcompat::frame_channel_layout(frm);
-    const int frame_channels = ffcompat::frame_channels(frm);
-    const int n_in = ffcompat::layout_nb_channels(frame_layout);
-    int64_t layout = static_cast<int64_t>(frame_layout);
-    if (frame_layout == 0 || n_in != frame_channels) {
-        layout = ffcompat::default_channel_layout(frame_channels);
-    }
+    const int n_in = ffcompat::layout_nb_channels(ffcompat::frame_channel_layout(frm));
+    const int64_t layout = frame_input_layout(frm);
     if (state.swr_ctx && state.in_channels == n_in && state.in_channel_layout == layout &&
         state.in_sample_rate == frm->sample_rate && state.in_sample_fmt == frm->format) {
         return 0;

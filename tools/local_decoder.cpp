@@ -417,13 +417,8 @@ Answer LocalAudioDecoder::decode(const uint8_t* data, int size, int64_t pts) {
 // Keeps the resampler while the decoded format stays the same. A frame whose layout is missing or
 // disagrees with its channel count is taken in the default layout for that count.
 bool LocalAudioDecoder::update_resampler() {
-    const uint64_t frame_layout = ffcompat::frame_channel_layout(frame_);
-    const int frame_channels = ffcompat::frame_channels(frame_);
-    const int n_in = ffcompat::layout_nb_channels(frame_layout);
-    int64_t layout = static_cast<int64_t>(frame_layout);
-    if (frame_layout == 0 || n_in != frame_channels) {
-        layout = ffcompat::default_channel_layout(frame_channels);
-    }
+    const int n_in = ffcompat::layout_nb_channels(ffcompat::frame_channel_layout(frame_));
+    const int64_t layout = frame_input_layout(frame_);
     if (swr_ != nullptr && params_.in_channels == n_in && in_layout_ == layout &&
         params_.in_sample_rate == frame_->sample_rate && params_.in_sample_fmt == frame_->format) {
         return true;
