@@ -2,8 +2,7 @@
 // ashmem class against memfds standing in for the driver; the rules that keep spinning bounded.
 //
 // The test hooks are compiled into this program, as they are preloaded into the daemon under
-// test: the ashmem driver's size requests are answered on memfds, and the device path in
-// SVC_TEST_ASHMEM_DEVICE opens a new memfd.
+// test: the ashmem driver's size requests are answered on memfds.
 
 #include "support/testhooks.c"
 
@@ -150,12 +149,13 @@ bool fd_open(int fd) {
 
 // The class's lines on standard error are verbatim, leftovers of the original included. What is
 // no region is refused; a region is mapped once, shared both ways, and released with its
-// descriptor, which is forgotten even when the release fails; one made through the device has the
-// asked size.
+// descriptor, which is forgotten even when the release fails; one made through the device (a
+// memfd's /proc path stands in for it) has the asked size.
 TEST(AshMemory, MapsAndReleasesRegionsOnly) {
     const int plain = open("/dev/zero", O_RDWR | O_CLOEXEC), region = make_memfd(3 * 4096);
     ASSERT_EQ(pwrite(region, "abc", 3, 4096), 3);
-    setenv("SVC_TEST_ASHMEM_DEVICE", "/dev/ashmem", 1);
+    const int device = make_memfd(0);
+    const std::string device_path = "/proc/self/fd/" + std::to_string(device);
     CaptureStderr();
     {
         AshMemory none(plain), missing(4096, "/no-such-device"), nameless(4096, nullptr);
@@ -176,7 +176,7 @@ TEST(AshMemory, MapsAndReleasesRegionsOnly) {
     }
     EXPECT_FALSE(fd_open(plain) || fd_open(region));  // owned, and closed on release
     {
-        AshMemory memory(2 * 4096, "/dev/ashmem");
+        AshMemory memory(2 * 4096, device_path.c_str());
         auto* mapped = static_cast<char*>(memory.MapMemory());
         ASSERT_NE(mapped, nullptr);
         EXPECT_EQ(lseek(memory.mFd, 0, SEEK_END), 2 * 4096);
@@ -187,7 +187,7 @@ TEST(AshMemory, MapsAndReleasesRegionsOnly) {
         EXPECT_EQ(memory.mFd, -1);
         munmap(mapped, 2 * 4096);
     }
-    unsetenv("SVC_TEST_ASHMEM_DEVICE");
+    close(device);
     EXPECT_EQ(GetCapturedStderr(),
               "[WRN] ashmem:38 ioctl(fd, (((0U) << (((0+8)+8)+14)) | (((0x77)) << (0+8)) | (((4)) "
               "<< 0) | ((0) << ((0+8)+8)))) result(-1) errno(25) Inappropriate ioctl for device\n"

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,7 +20,6 @@
 #include <gtest/gtest.h>
 
 #include "decoder/exchange_block.h"
-#include "tools/service_link.h"
 
 extern "C" {
 #include <libavutil/log.h>
@@ -73,10 +71,6 @@ constexpr int kStartTimeoutMs = 10000;
 // Generous: a sanitizer build checks the whole heap for leaks at exit.
 constexpr int kStopTimeoutMs = 30000;
 
-int decode_status(int status) {
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
 }  // namespace
 
 Daemon::Daemon() = default;
@@ -108,13 +102,10 @@ Daemon::~Daemon() {
 
 std::string Daemon::socket_path() const {
     auto it = options_.env.find("XDG_RUNTIME_DIR");
-    if (it != options_.env.end()) {
-        return it->second + SOCKET_PATH_IN_RUNTIME_DIR;
-    }
-    if (options_.unset_xdg_runtime_dir) {
-        return "/run/user/" + std::to_string(geteuid()) + SOCKET_PATH_IN_RUNTIME_DIR;
-    }
-    return runtime_dir_ + SOCKET_PATH_IN_RUNTIME_DIR;
+    const std::string dir = it == options_.env.end() ? runtime_dir_
+                            : it->second.empty()     ? "/run/user/" + std::to_string(geteuid())
+                                                     : it->second;
+    return dir + SOCKET_PATH_IN_RUNTIME_DIR;
 }
 
 bool Daemon::start() {
@@ -123,33 +114,25 @@ bool Daemon::start() {
         return false;
     }
     runtime_dir_ = dir;
-    if (options_.create_socket_dir) {
-        mkdir((runtime_dir_ + "/vessa").c_str(), 0700);
-        mkdir((runtime_dir_ + "/vessa/sockets").c_str(), 0700);
-    }
+    mkdir((runtime_dir_ + "/vessa").c_str(), 0700);
+    mkdir((runtime_dir_ + "/vessa/sockets").c_str(), 0700);
     // Everything the child needs is made here: between fork and exec only async-signal-safe
     // calls are allowed, since other threads of the test may hold locks.
-    std::map<std::string, std::string> env;
-    for (char** e = environ; *e != nullptr; ++e) {
-        const char* eq = strchr(*e, '=');
-        if (eq != nullptr) {
-            env[std::string(*e, static_cast<size_t>(eq - *e))] = eq + 1;
-        }
-    }
-    env.erase("LD_PRELOAD");
-    env["XDG_RUNTIME_DIR"] = runtime_dir_;
-    if (options_.unset_xdg_runtime_dir) {
-        env.erase("XDG_RUNTIME_DIR");
-    }
-    if (options_.preload_hooks) {
-        env["LD_PRELOAD"] = SVC_TESTHOOKS_LIB;
-    }
+    std::map<std::string, std::string> env{{"XDG_RUNTIME_DIR", runtime_dir_},
+                                           {"LD_PRELOAD", SVC_TESTHOOKS_LIB}};
     for (const auto& kv : options_.env) {
         env[kv.first] = kv.second;
     }
     std::vector<std::string> strings;
+    for (char** e = environ; *e != nullptr; ++e) {
+        if (env.count(std::string(*e, strcspn(*e, "="))) == 0) {
+            strings.push_back(*e);
+        }
+    }
     for (const auto& kv : env) {
-        strings.push_back(kv.first + "=" + kv.second);
+        if (!kv.second.empty()) {
+            strings.push_back(kv.first + "=" + kv.second);
+        }
     }
     std::vector<char*> envp;
     for (auto& s : strings) {
@@ -157,15 +140,10 @@ bool Daemon::start() {
     }
     envp.push_back(nullptr);
     char* const argv[] = {const_cast<char*>(MEDIA_SERVICE_BIN), nullptr};
-    const char* cwd = options_.cwd.empty() ? nullptr : options_.cwd.c_str();
     const std::string log_path = runtime_dir_ + "/daemon.log";
     int log_fd = open(options_.log ? log_path.c_str() : "/dev/null",
                       O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     int null_fd = open("/dev/null", O_RDONLY | O_CLOEXEC);
-    if (!options_.preload_hooks) {
-        // The real daemon() orphans the service; it must come back to us to be reaped.
-        prctl(PR_SET_CHILD_SUBREAPER, 1);
-    }
     pid_t child = fork();
     if (child == 0) {
         dup2(null_fd, STDIN_FILENO);
@@ -175,37 +153,13 @@ bool Daemon::start() {
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
         umask(options_.umask_value);
-        if (cwd != nullptr && chdir(cwd) != 0) {
-            _exit(126);
-        }
         execve(MEDIA_SERVICE_BIN, argv, envp.data());
         _exit(127);
     }
     close(log_fd);
     close(null_fd);
-    if (child < 0) {
-        return false;
-    }
     pid_ = child;
-    if (options_.preload_hooks) {
-        return wait_log("starting media service...", 1, kStartTimeoutMs) && running();
-    }
-    // daemon() returns in the parent at once; the service runs on in the forked child, whose
-    // pid the socket's peer credentials tell.
-    int status = 0;
-    if (waitpid(child, &status, 0) != child || decode_status(status) != 0) {
-        reaped_ = true;
-        return false;
-    }
-    pid_t service = -1;
-    wait_until(kStartTimeoutMs, [&] {
-        int fd = mediaclient::connect_service(socket_path());
-        service = fd >= 0 ? mediatools::peer_pid(fd) : -1;
-        close(fd);
-        return service > 0;
-    });
-    pid_ = service;
-    return service > 0;
+    return child > 0 && wait_log("starting media service...", 1, kStartTimeoutMs) && running();
 }
 
 std::string Daemon::log() const {
@@ -244,7 +198,7 @@ bool Daemon::running() {
     pid_t r = waitpid(pid_, &status, WNOHANG);
     if (r == pid_ || r < 0) {
         reaped_ = true;
-        status_ = r == pid_ ? decode_status(status) : -1;
+        status_ = r != pid_ ? -1 : WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
     return !reaped_;
 }
@@ -258,16 +212,6 @@ bool Daemon::barrier() const {
     close(null_fd);
     close(fd);
     return ok;
-}
-
-std::string log_line(const std::string& log, const std::string& text) {
-    size_t at = log.find(text);
-    if (at == std::string::npos) {
-        return "";
-    }
-    size_t begin = log.rfind('\n', at);
-    begin = begin == std::string::npos ? 0 : begin + 1;
-    return log.substr(begin, log.find('\n', at) - begin);
 }
 
 bool log_has(const std::string& log, const std::string& level, const std::string& text) {

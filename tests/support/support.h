@@ -39,12 +39,9 @@ using mediatools::ProcStat;
 class Daemon {
   public:
     struct Options {
-        std::map<std::string, std::string> env;  // extra or overriding environment
-        bool unset_xdg_runtime_dir = false;
-        bool preload_hooks = true;  // false: the unmodified binary, which daemonises
-        bool create_socket_dir = true;
+        // Extra or overriding environment; an empty value removes the variable.
+        std::map<std::string, std::string> env;
         mode_t umask_value = 022;
-        std::string cwd;  // working directory; empty: the test's own
         bool log = true;  // false: the daemon's output goes to /dev/null (a long soak)
     };
     Daemon();
@@ -53,7 +50,7 @@ class Daemon {
     Daemon& operator=(const Daemon&) = delete;
     ~Daemon();
 
-    // Starts it and waits until its loop runs (the unmodified binary: until its socket answers).
+    // Starts it and waits until its loop runs.
     bool start();
     pid_t pid() const { return pid_; }
     const std::string& runtime_dir() const { return runtime_dir_; }
@@ -79,8 +76,6 @@ class Daemon {
 
 // Whether the log has a line of `level` ("DEBUG", "INFO", "WARN", "ERROR") holding `text`.
 bool log_has(const std::string& log, const std::string& level, const std::string& text);
-// The first whole line holding `text`; empty when there is none.
-std::string log_line(const std::string& log, const std::string& text);
 
 // A POSIX shared memory object of the test: unlinked and closed on destruction.
 struct ScopedShm {

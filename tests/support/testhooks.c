@@ -8,8 +8,6 @@
  * - ioctl(): answers the ashmem driver's ASHMEM_GET_SIZE (the size of the file) and ASHMEM_SET_SIZE
  *   (ftruncate) on memfd descriptors, which stand in for ashmem regions; every other request, and
  *   every other descriptor, goes to the kernel unchanged.
- * - open()/open64(): the path named by SVC_TEST_ASHMEM_DEVICE (e.g. "/dev/ashmem") opens a new
- *   memfd, as the ashmem device gives a new region per open.
  * - fallocate()/madvise(): with SVC_TEST_REFUSE_PAGE_RELEASE set, punching a hole and
  *   MADV_REMOVE fail with EPERM, as they do on a sealed object on some kernels and not on others.
  *
@@ -86,37 +84,6 @@ int ioctl(int fd, unsigned long request, ...) SVC_HOOK_NOTHROW {
         return (int)st.st_size;
     }
     return (int)syscall(SYS_ioctl, fd, request, arg);
-}
-
-static int svc_hook_open(const char* path, int flags, mode_t mode) {
-    const char* device = getenv("SVC_TEST_ASHMEM_DEVICE");
-    if (device != NULL && device[0] != '\0' && path != NULL && strcmp(path, device) == 0) {
-        return memfd_create("ashmem", (flags & O_CLOEXEC) != 0 ? MFD_CLOEXEC : 0);
-    }
-    return (int)syscall(SYS_openat, AT_FDCWD, path, flags, mode);
-}
-
-static mode_t svc_hook_mode(int flags, va_list args) {
-    if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {
-        return (mode_t)va_arg(args, int);
-    }
-    return 0;
-}
-
-int open(const char* path, int flags, ...) {
-    va_list args;
-    va_start(args, flags);
-    mode_t mode = svc_hook_mode(flags, args);
-    va_end(args);
-    return svc_hook_open(path, flags, mode);
-}
-
-int open64(const char* path, int flags, ...) {
-    va_list args;
-    va_start(args, flags);
-    mode_t mode = svc_hook_mode(flags, args);
-    va_end(args);
-    return svc_hook_open(path, flags | O_LARGEFILE, mode);
 }
 
 static int svc_hook_refuses_page_release(void) {
