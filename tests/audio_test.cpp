@@ -1,6 +1,6 @@
 // Audio through the daemon against the in-process model, for every codec of the table that the
 // ffmpeg command line here can encode, into packed and planar formats: every answer, timestamp
-// and sample; garbage; format changes; formats nothing can honour; frames too long for the area.
+// and sample; garbage; formats nothing can honour; frames too long for the area.
 
 #include <algorithm>
 #include <climits>
@@ -156,25 +156,6 @@ TEST_F(Audio, OutputSizeAndTimestampOfOneFrame) {
     EXPECT_EQ(r.output_pts, 24219);
     EXPECT_TRUE(log_has(daemon.log(), "DEBUG", "audio frames: 1024, frame size: 4096, pts: 24219"));
     EXPECT_EQ(decode(s.packets[1].data, INT64_MAX - 5).output_pts, INT64_MIN + 23219 - 6);
-}
-
-// Two MP2 streams of other rates and channel counts back to back: the resampler is rebuilt at the
-// change, and a reset then rebuilds the decoder for the format last decoded.
-TEST_F(Audio, FormatChangeRebuildsTheResamplerAndResetFollowsIt) {
-    Clip both = clip("a44.mp2", "-f lavfi -i sine=sample_rate=44100:d=0.5 -ac 2 -c:a mp2", false);
-    const Clip& b =
-        clip("b48.mp2", "-f lavfi -i sine=sample_rate=48000:d=0.5 -ac 1 -c:a mp2", false);
-    const size_t split = both.packets.size() + b.packets.size() / 2;
-    both.packets.insert(both.packets.end(), b.packets.begin(), b.packets.end());
-    ASSERT_EQ(init(both, mediatools::audio_init_params(both.info, AV_SAMPLE_FMT_S16, 2, 44100)),
-              STATUS_OK);
-    decode(both, 0, split);
-    // MP2 reports the new channel count one frame before the new rate: two changes.
-    EXPECT_GE(model.resampler_builds(), 3);
-    EXPECT_EQ(daemon.count("freeing SW resample context"), size_t(model.resampler_builds() - 1));
-    ASSERT_EQ(c.reset_audio(AV_SAMPLE_FMT_FLTP, 2, 32000, kWaitMs), ClientError::kOk);
-    ASSERT_TRUE(model.reset(AV_SAMPLE_FMT_FLTP, 2, 32000));
-    EXPECT_GT(decode(both, split, both.packets.size()), 0);
 }
 
 // Setup parameters no decoder or resampler can honour are answered alike by both and never crash.

@@ -1,5 +1,5 @@
-// Doorbells and sync msgs between decoder clients and the service: clients served side by side,
-// clients that go away at any moment, and the output area behind a picture. (A worker that ended:
+// Doorbells and sync msgs between decoder clients and the service: a long doorbell, clients that
+// go away at any moment, and the output area behind a picture. (A worker that ended:
 // requests_test.)
 
 #include <signal.h>
@@ -8,7 +8,6 @@
 #include <cstring>
 #include <memory>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -47,53 +46,6 @@ TEST_F(Channel, LongDoorbellCountsOnce) {
     EXPECT_EQ(c->wait_sync(kWaitMs), ClientError::kOk);
     EXPECT_EQ(c->wait_sync(300), ClientError::kTimeout);
     EXPECT_EQ(daemon.count("flush decoder"), 2u);
-}
-
-// Eight clients of both types decode the same stream at once, each with its timestamps offset:
-// every answer and every sample must be its own and equal the model's.
-TEST_F(Channel, ConcurrentClientsGetTheirOwnResults) {
-    const Clip& s =
-        clip("channel.m4a", "-f lavfi -i sine=sample_rate=44100 -ac 2 -t 1 -c:a aac", false);
-    const AudioInitParams params = mediatools::audio_init_params(s.info, 1, 2, 48000);
-    mediatools::LocalAudioDecoder model;
-    std::string error;
-    ASSERT_TRUE(model.open(s.info.codec_id, params, s.info.extradata, &error)) << error;
-    std::vector<mediatools::Answer> answers;
-    std::vector<std::vector<uint8_t>> samples;
-    for (const auto& p : s.packets) {
-        answers.push_back(model.decode(p.data.data(), int(p.data.size()), p.pts));
-        samples.emplace_back(model.output(), model.output() + answers.back().size);
-    }
-    std::vector<std::string> failures(8);
-    std::vector<std::thread> threads;
-    for (int n = 0; n < 8; ++n) {
-        threads.emplace_back([&, n] {
-            auto c = client(n % 2 == 0);
-            ExchangeResult r{};
-            if (c->init_audio(s.codec_index(), params, s.info.extradata.data(),
-                              s.info.extradata.size(), &r, kWaitMs) != ClientError::kOk) {
-                failures[n] = "init";
-            }
-            const int64_t offset = int64_t{n} * 1000000000;
-            for (size_t i = 0; failures[n].empty() && i < s.packets.size(); ++i) {
-                const auto& p = s.packets[i];
-                mediatools::Answer want = answers[i];
-                want.pts += want.status == STATUS_OK ? offset : 0;
-                if (c->decode_frame(p.data.data(), p.data.size(), p.pts + offset, &r, kWaitMs) !=
-                        ClientError::kOk ||
-                    !differs(r, c->output(), want, samples[i].data()).empty()) {
-                    failures[n] = "packet " + std::to_string(i);
-                }
-            }
-            if (failures[n].empty() && c->wait_sync(200) != ClientError::kTimeout) {
-                failures[n] = "a sync msg too many";
-            }
-        });
-    }
-    for (int n = 0; n < 8; ++n) {
-        threads[n].join();
-        EXPECT_EQ(failures[n], "") << "client " << n;
-    }
 }
 
 // A client that closes while its worker decodes is removed once the worker is done with the

@@ -261,37 +261,6 @@ TEST_F(Decoder, FirstAcceptingCandidateIsChosen) {
     EXPECT_EQ(freed_devices, (Names{"vdpau", "vaapi", "cuda"}));
 }
 
-// A decoder without a hardware configuration for a device type still gets that candidate; it
-// fails in get_hw_format whenever it decodes, for real, and allocates no temporary frame.
-TEST_F(Decoder, CandidateWithoutSurfaceFormatFailsForReal) {
-    const AVCodec* codec = avcodec_find_decoder(AV_CODEC_ID_VP8);
-    for (const char* type : HW_DEVICE_TYPES) {
-        if (taker.empty() &&
-            hw_surface_format(codec, av_hwdevice_find_type_by_name(type)) == AV_PIX_FMT_NONE) {
-            taker = type;  // decodes for real
-        }
-    }
-    if (taker.empty() || !have_encoder("libvpx")) {
-        GTEST_SKIP() << "no VP8 encoder, or every hardware configuration for VP8";
-    }
-    const Clip& vp8 =
-        clip("trial.webm", "-f lavfi -i testsrc2=size=176x144 -frames:v 4 -c:v libvpx");
-    ASSERT_NO_FATAL_FAILURE(init(vp8));
-    if (!all_device_types()) {
-        GTEST_SKIP() << "this FFmpeg lacks a hardware device type";
-    }
-    EXPECT_EQ(count("decoder vp8 does not support device type " + taker), 1u);
-    for (size_t i = 0; i < 3; ++i) {
-        EXPECT_TRUE(decode(vp8.packets[i].data));
-        EXPECT_EQ(calls, (Names{"vdpau", "cuda", "vaapi", "sw"}));
-        calls.clear();
-    }
-    EXPECT_EQ(count("failed to get HW surface format"), 3u);
-    EXPECT_EQ(chosen(), "");
-    EXPECT_EQ(count("freeing temp SW frame"),
-              count("decoding video frame") - count("error sending a packet for decoding"));
-}
-
 // Request signals during a running request merge into one more run of the header; a quit signal
 // lets the running request finish and answer, and nothing runs after it.
 TEST_F(Decoder, SignalsDuringARunningRequest) {
