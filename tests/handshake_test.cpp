@@ -105,34 +105,4 @@ TEST_F(Handshake, RefusalsAreLoggedAndLeaveNothingOpen) {
     EXPECT_EQ(proc_stat(daemon.pid()).threads, before.threads);
 }
 
-// A 255-byte name fills the record without a terminator; what follows is cut by the socket. The
-// client is registered and served: a decode before any init answers with an all-zero result.
-TEST_F(Handshake, LongRecordIsCutAndAccepted) {
-    ScopedShm shm(SHM_BLOCK_SIZE, "/" + std::string(254, 'n'));
-    if (shm.fd < 0 && errno == EINVAL) {
-        GTEST_SKIP() << "the C library refuses a name of 254 characters (glibc before 2.34)";
-    }
-    ASSERT_GE(shm.fd, 0) << strerror(errno);
-    auto* block = static_cast<uint8_t*>(
-        mmap(nullptr, SHM_BLOCK_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, shm.fd, 0));
-    ASSERT_NE(block, MAP_FAILED);
-    UniqueFd fd(connect_service(daemon.socket_path()));
-    ASSERT_GE(send_type_msg(fd.get(), CLIENT_TYPE_SHM_DECODER, shm.name + std::string(143, 'Z'),
-                            {shm.fd}),
-              0);
-    ExchangeResult result{77, 0, 0, 0, 77};
-    memcpy(block + SHM_RESULT_OFFSET, &result, sizeof(result));
-    const ExchangeDataRequest request{REQUEST_DECODE_FRAME, 0, 1, 0, 0};
-    memcpy(block, &request, sizeof(request));
-    ASSERT_EQ(send(fd.get(), "D", 1, MSG_NOSIGNAL), 1);
-    ASSERT_EQ(wait_readable(fd.get(), kWaitMs), ClientError::kOk);
-    uint8_t sync = 0;
-    ASSERT_EQ(read(fd.get(), &sync, 1), 1);
-    EXPECT_EQ(sync, SYNC_MSG_BYTE);
-    memcpy(&result, block + SHM_RESULT_OFFSET, sizeof(result));
-    EXPECT_EQ(result.status, STATUS_OK);
-    EXPECT_EQ(result.output_pts, 0);
-    munmap(block, SHM_BLOCK_SIZE);
-}
-
 }  // namespace

@@ -132,12 +132,7 @@ class Decoder : public ::testing::Test {
         calls.clear();
     }
     size_t count(const std::string& needle) const {
-        const std::string t = read_file(log_path);
-        size_t n = 0;
-        for (size_t at = t.find(needle); at != std::string::npos; at = t.find(needle, at + 1)) {
-            ++n;
-        }
-        return n;
+        return occurrences(read_file(log_path), needle);
     }
     Names candidates() {
         Names names;

@@ -255,6 +255,12 @@ TEST_F(Requests, ReleaseOrder) {
     EXPECT_TRUE(logged_in_order(
         from, {"decoding video frame", "init video codec context", "freeing SW scale context",
                "freeing video decoder context", "freeing video packet", "freeing video frame"}));
+    // A reset releases the scaler and the decoder before it makes the new ones.
+    decode_until_output(h264());
+    from = daemon.log().size();
+    ASSERT_EQ(c.reset_video(32, 24, 0, kWaitMs), ClientError::kOk);
+    EXPECT_TRUE(logged_in_order(from, {"freeing SW scale context", "freeing video decoder context",
+                                       "init video codec context"}));
     // A setup whose configuration bytes go beyond the input area fails and ends the worker: it
     // releases the old state and what it made; the old packet and frame go with the instance.
     ASSERT_TRUE(init(mp2()));

@@ -1,4 +1,4 @@
-// The parts that only a unit test reaches: the logger's line format, its files and threads; the
+// The parts that only a unit test reaches: the logger's line format and its files; the
 // ashmem class against memfds standing in for the driver; the rules that keep spinning bounded.
 //
 // The test hooks are compiled into this program, as they are preloaded into the daemon under
@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <sstream>
-#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -92,35 +91,9 @@ TEST(Log, SwitchingFiles) {
               kBackToStdout + "[DEBUG] [m] f:1 still here\n");
 }
 
-// Whole lines only, however many threads write at once.
-TEST(Log, LinesFromThreadsAreNeverInterleaved) {
-    std::vector<std::thread> threads;
-    const std::string text = logged([&] {
-        for (int t = 0; t < 4; ++t) {
-            threads.emplace_back([t] {
-                for (int i = 0; i < 300; ++i) {
-                    SvcLogWrite(SVC_LOG_DEBUG, "m", "f", t, "%s",
-                                std::string(100 + 50 * t, char('a' + t)).c_str());
-                }
-            });
-        }
-        for (auto& thread : threads) {
-            thread.join();
-        }
-    });
-    std::istringstream lines(text);
-    int n = 0;
-    for (std::string line; std::getline(lines, line); ++n) {
-        const int t = line.at(14) - '0';  // after "[DEBUG] [m] f:"
-        ASSERT_EQ(line, "[DEBUG] [m] f:" + std::to_string(t) + " " +
-                            std::string(100 + 50 * t, char('a' + t)));
-    }
-    EXPECT_EQ(n, 1200);
-}
-
 // An out-of-range level is FATAL and aborts, the line being the last thing in the file (exit
-// handlers do not run); an ordinary exit ends the log file with the switch back.
-TEST(LogDeathTest, FatalAbortsAndExitSwitchesBack) {
+// handlers do not run). (An ordinary exit ends the file with the switch back: the stop tests.)
+TEST(LogDeathTest, FatalAborts) {
     TempDir dir;
     const std::string path = dir.path + "/log";
     for (int level : {5, -1, int(SVC_LOG_FATAL)}) {
@@ -133,14 +106,6 @@ TEST(LogDeathTest, FatalAbortsAndExitSwitchesBack) {
         EXPECT_EQ(read_file(path), "[FATAL] [m] f:1 level " + std::to_string(level) + "\n");
         unlink(path.c_str());
     }
-    EXPECT_EXIT(
-        {
-            SvcLogFile(path.c_str());
-            SvcLogWrite(SVC_LOG_DEBUG, "m", "f", 1, "bye");
-            exit(0);
-        },
-        ::testing::ExitedWithCode(0), "");
-    EXPECT_EQ(read_file(path), "[DEBUG] [m] f:1 bye\n" + kBackToStdout);
 }
 
 bool fd_open(int fd) {

@@ -191,22 +191,17 @@ TEST_F(Video, ReorderedPicturesCarryTheirOwnTimestamps) {
     EXPECT_EQ(received, sent);
 }
 
-// A reset mid-stream keeps the codec and coded format and takes the new output; the old scaler
-// and decoder are released before the new setup. Output pixel formats beyond FFmpeg 4's
-// enumeration (187 formats), negative ones included, mean yuv420p.
+// A reset mid-stream keeps the codec and coded format and takes the new output. Output pixel
+// formats beyond FFmpeg 4's enumeration (187 formats), negative ones included, mean yuv420p.
 TEST_F(Video, ResetAndOutputFormats) {
     const Clip& s = clip_of(kCodecs[1]);
     ASSERT_NO_FATAL_FAILURE(init(s, 352, 288, AV_PIX_FMT_RGBA));
     for (size_t i = 0; i < 6; ++i) {
         decode(s, i);
     }
-    const size_t before = daemon.log().size();
     ASSERT_EQ(c.reset_video(90, 70, AV_PIX_FMT_GRAY8, kWaitMs), ClientError::kOk);
     EXPECT_EQ(c.result().status, STATUS_OK);
     ASSERT_TRUE(model.reset(90, 70, AV_PIX_FMT_GRAY8));
-    const std::string log = daemon.log().substr(before);
-    EXPECT_LT(log.find("freeing SW scale context"), log.find("freeing video decoder context"));
-    EXPECT_LT(log.find("freeing video decoder context"), log.find("init video codec context"));
     for (size_t i = 6; i < s.packets.size(); ++i) {
         decode(s, i);
     }

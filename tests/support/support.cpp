@@ -166,13 +166,16 @@ std::string Daemon::log() const {
     return read_file(runtime_dir_ + "/daemon.log");
 }
 
-size_t Daemon::count(const std::string& needle) const {
-    const std::string text = log();
+size_t occurrences(const std::string& text, const std::string& needle) {
     size_t n = 0;
     for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) {
         ++n;
     }
     return n;
+}
+
+size_t Daemon::count(const std::string& needle) const {
+    return occurrences(log(), needle);
 }
 
 bool Daemon::wait_log(const std::string& needle, size_t occurrences, int timeout_ms) const {

@@ -74,6 +74,7 @@ class Daemon {
     std::string runtime_dir_;
 };
 
+size_t occurrences(const std::string& text, const std::string& needle);
 // Whether the log has a line of `level` ("DEBUG", "INFO", "WARN", "ERROR") holding `text`.
 bool log_has(const std::string& log, const std::string& level, const std::string& text);
 
