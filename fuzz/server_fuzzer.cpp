@@ -11,16 +11,21 @@
 //              u32 pid (0: own), u32 uid, u32 gid (0xffffffff: own). To a registered decoder
 //              client this is a doorbell (an empty record ends it), to the session a ping answer.
 //   2 close    u8 client
-//   3 call     u8 client, one request of the exchange block input (fuzz_support.h), written into
+//   3 call     u8 client, one request of the exchange block input (read_request), written into
 //              a decoder client's block unless a sync msg is still due; then a one-byte doorbell
 //   4 wait     u8 client: waits for the sync msg that is due
 // After every operation the loop runs what is due.
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -28,8 +33,12 @@
 
 #include <ev++.h>
 
+extern "C" {
+#include <libavutil/log.h>
+}
+
+#include "base/log.h"
 #include "client/media_client.h"
-#include "fuzz_support.h"
 #include "server/media_server.h"
 
 namespace {
@@ -43,6 +52,63 @@ constexpr const char* kShmName = "/svc-fuzz-block";
 // The descriptors a record carries, by ancillary % 8, one letter each: B a memfd of a block's size
 // (an ashmem region to the service), s a one-page memfd, n /dev/null, p a pipe, S kShmName.
 constexpr const char* kFdKinds[8] = {"", "B", "s", "n", "p", "Bn", "nnn", "S"};
+
+// Reads the input front to back. Past its end numbers read as zero and byte runs come out short,
+// so that every input means something.
+class FuzzReader {
+  public:
+    FuzzReader(const uint8_t* data, size_t size) : data_(data), left_(size) {}
+    bool empty() const { return left_ == 0; }
+    uint8_t u8() { return left_ == 0 ? 0 : (--left_, *data_++); }
+    uint16_t u16() {
+        uint16_t low = u8();
+        return static_cast<uint16_t>(low | u8() << 8);
+    }
+    uint32_t u32() {
+        uint32_t low = u16();
+        return low | static_cast<uint32_t>(u16()) << 16;
+    }
+    // Up to `*n` bytes; `*n` becomes the count taken.
+    const uint8_t* bytes(size_t* n) {
+        *n = std::min(*n, left_);
+        const uint8_t* start = data_;
+        data_ += *n;
+        left_ -= *n;
+        return start;
+    }
+
+  private:
+    const uint8_t* data_;
+    size_t left_;
+};
+
+// One request of the exchange block input: the 40-byte request header, copied to the start of the
+// block as it is, then u16 n and n bytes (fewer where the input ends) copied to the start of the
+// input area. False, with nothing written, when the header is incomplete. A null `block` consumes
+// the request without writing it.
+bool read_request(FuzzReader& in, uint8_t* block) {
+    size_t header_size = sizeof(ExchangeInitRequest);
+    const uint8_t* header = in.bytes(&header_size);
+    if (header_size < sizeof(ExchangeInitRequest)) {
+        return false;
+    }
+    size_t input_size = in.u16();
+    const uint8_t* input = in.bytes(&input_size);
+    if (block != nullptr) {
+        memcpy(block + SHM_REQUEST_OFFSET, header, header_size);
+        memcpy(block + SHM_INPUT_OFFSET, input, input_size);
+    }
+    return true;
+}
+
+// A memfd of `size` bytes; aborts on failure (nothing can be fuzzed without it).
+int make_memfd(size_t size) {
+    int fd = memfd_create("svc-fuzz", MFD_CLOEXEC);
+    if (fd < 0 || ftruncate(fd, static_cast<off_t>(size)) != 0) {
+        abort();
+    }
+    return fd;
+}
 
 char socket_dir[] = "/tmp/svc-fuzz-XXXXXX";
 
@@ -238,6 +304,33 @@ class Run {
 };
 
 }  // namespace
+
+// The log of every input would cost more than the input itself.
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    SvcLogFile("/dev/null");
+    av_log_set_level(AV_LOG_QUIET);
+    return 0;
+}
+
+// The host has no ashmem driver: its size request, _IO(0x77, 4), is answered for memfds, which
+// stand in for ashmem regions. --wrap=ioctl sends the service's calls here; FFmpeg's stay as they
+// are.
+extern "C" int __real_ioctl(int fd, unsigned long request, ...);
+extern "C" int __wrap_ioctl(int fd, unsigned long request, ...) {
+    va_list args;
+    va_start(args, request);
+    void* arg = va_arg(args, void*);
+    va_end(args);
+    struct stat st;
+    if (request != _IO(0x77, 4)) {
+        return __real_ioctl(fd, request, arg);
+    }
+    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
+        return static_cast<int>(st.st_size);
+    }
+    errno = ENOTTY;
+    return -1;
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static bool ready = [] {

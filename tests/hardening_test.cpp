@@ -72,19 +72,10 @@ struct Client {
     DecoderClient c;
 };
 
-bool dropped(const Daemon& daemon, Client& victim, size_t lost) {
-    return victim.c.ring() == ClientError::kOk &&
-           victim.c.wait_sync(kWaitMs) == ClientError::kDisconnected &&
-           daemon.wait_log(kBlockLost, lost + 1);
-}
-
 // A client that shrinks its block is dropped, while a bystander of the other type decodes the same
-// stream before and after, and the daemon comes back to what it held. Between requests, the next
-// doorbell makes the worker read the vanished header: the service survives the fault, answers
-// nothing and closes the connection. During a request converting a picture to a 16 MiB output,
-// the block is truncated a quarter of the way in; the worker's "decode frame" line before the loss
-// shows a hit. A truncation that misses (the request finished first, or had not begun) must be
-// survived all the same; it is tried again.
+// stream before and after, and the daemon comes back to what it held: the next doorbell makes the
+// worker read the vanished header; the service survives the fault, answers nothing and closes the
+// connection.
 class Shrink : public ::testing::TestWithParam<bool> {};
 
 TEST_P(Shrink, TheClientIsDropped) {
@@ -99,43 +90,10 @@ TEST_P(Shrink, TheClientIsDropped) {
         ASSERT_TRUE(victim.init(small(), 160, 120, 0));
         ASSERT_GT(victim.decode(0, 10), 0);
         ASSERT_TRUE(victim.shrink());
-        EXPECT_TRUE(dropped(daemon, victim, 0));
+        EXPECT_EQ(victim.c.ring(), ClientError::kOk);
+        EXPECT_EQ(victim.c.wait_sync(kWaitMs), ClientError::kDisconnected);
+        EXPECT_TRUE(daemon.wait_log(kBlockLost));
     }
-    const Clip& large =
-        clip("hard_large.mp4", "-f lavfi -i testsrc=size=640x480 -frames:v 20 -c:v libx264");
-    bool hit = false;
-    for (int attempt = 0; attempt < 6 && !hit; ++attempt) {
-        Client victim(daemon, GetParam());
-        ASSERT_TRUE(victim.init(large, 2048, 2048, 26));  // rgba: the whole area
-        // The shortest request that made a picture, of the first three.
-        std::chrono::duration<double> picture_time{1e9};
-        size_t next = 0;
-        for (int pictures = 0; next < large.packets.size() && pictures < 3; ++next) {
-            const auto& p = large.packets[next];
-            ExchangeResult r{};
-            const auto start = std::chrono::steady_clock::now();
-            ASSERT_EQ(victim.c.decode_frame(p.data.data(), p.data.size(), p.pts, &r, kWaitMs),
-                      ClientError::kOk);
-            if (r.status == STATUS_OK && ++pictures > 1) {
-                picture_time = std::min<std::chrono::duration<double>>(
-                    picture_time, std::chrono::steady_clock::now() - start);
-            }
-        }
-        const auto& p = large.packets[next];
-        ASSERT_EQ(victim.c.write_decode_frame(p.data.data(), p.data.size(), p.pts),
-                  ClientError::kOk);
-        const size_t decodes = daemon.count(" decode frame\n"), lost = daemon.count(kBlockLost);
-        ASSERT_EQ(victim.c.ring(), ClientError::kOk);
-        std::this_thread::sleep_for(picture_time / 4);
-        ASSERT_TRUE(victim.shrink());
-        if (victim.c.wait_sync(kWaitMs) == ClientError::kOk) {  // too late: the next doorbell
-            EXPECT_TRUE(dropped(daemon, victim, lost));         // finds the block gone
-        } else {
-            hit = daemon.count(" decode frame\n") == decodes + 1;
-            EXPECT_TRUE(daemon.wait_log(kBlockLost, lost + 1));
-        }
-    }
-    EXPECT_TRUE(hit) << "no truncation landed inside a decode";
     EXPECT_GT(bystander.decode(10, small().packets.size()), 0);
     EXPECT_TRUE(wait_until(kWaitMs, [&] { return proc_stat(daemon.pid()).fds == before.fds; }));
     EXPECT_EQ(proc_stat(daemon.pid()).threads, before.threads);

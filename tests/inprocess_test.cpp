@@ -1,7 +1,7 @@
 // What only a decoder instance in this process shows: the trial of hardware candidates on a host
 // without hardware (the decoder's seam hands out allocated, never initialised, devices and stands
-// in for each candidate's decode; software always decodes for real), and how request and quit
-// signals meet a running request.
+// in for each candidate's decode; software always decodes for real), the surface-format pick, and
+// a block that cannot be mapped.
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -35,8 +35,7 @@ Names freed_devices;
 
 // One decoder instance on a memfd block, with this test as its client and its loop, the log in a
 // file. The seam makes devices of every type but the refused ones; software decodes for real, the
-// taker as told, the other candidates fail; a gated decode first waits for a permit; every decode
-// call is recorded by name.
+// taker as told, the other candidates fail; every decode call is recorded by name.
 class Decoder : public ::testing::Test {
   public:
     Decoder() {
@@ -57,11 +56,6 @@ class Decoder : public ::testing::Test {
         };
         seam.decode_context = [this](AVCodecContext* ctx, const std::function<int()>& real) {
             calls.push_back(context_name(ctx));
-            ++entered;
-            if (gated && !wait_until(30000, [this] { return permits > 0; })) {
-                return AVERROR(ETIMEDOUT);
-            }
-            permits -= gated ? 1 : 0;
             const Act a = calls.back() == "sw"                     ? Act::kReal
                           : taker.empty() || taker == calls.back() ? act
                                                                    : Act::kFail;
@@ -156,8 +150,6 @@ class Decoder : public ::testing::Test {
     std::string refused, taker;  // taker: the candidate that does `act`; empty: every one
     Act act = Act::kReal;
     Names calls;  // touched by the worker only while the test waits for its completion
-    bool gated = false;
-    std::atomic<int> entered{0}, permits{0};
     int fd = make_memfd(SHM_BLOCK_SIZE);
     uint8_t* block = static_cast<uint8_t*>(
         mmap(nullptr, SHM_BLOCK_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
@@ -254,37 +246,6 @@ TEST_F(Decoder, FirstAcceptingCandidateIsChosen) {
     const uint32_t destroy = REQUEST_DESTROY_CONTEXT;
     ASSERT_TRUE(request(&destroy, sizeof(destroy)));
     EXPECT_EQ(freed_devices, (Names{"vdpau", "vaapi", "cuda"}));
-}
-
-// Request signals during a running request merge into one more run of the header; a quit signal
-// lets the running request finish and answer, and nothing runs after it.
-TEST_F(Decoder, SignalsDuringARunningRequest) {
-    refused = "vdpau cuda vaapi";  // software alone
-    ASSERT_NO_FATAL_FAILURE(init(h264));
-    gated = true;
-    for (bool quit : {false, true}) {
-        const ExchangeDataRequest decode{REQUEST_DECODE_FRAME, 0, 13, 0, 0};
-        memcpy(block, &decode, sizeof(decode));
-        decoder->signal_request();
-        ASSERT_TRUE(wait_until(20000, [&] { return entered == (quit ? 3 : 1); }));
-        if (quit) {
-            decoder->signal_quit();
-        } else {
-            decoder->signal_request();
-            decoder->signal_request();
-        }
-        ++permits;
-        EXPECT_TRUE(completions());
-        EXPECT_EQ(result().status, STATUS_FAILED);
-        if (!quit) {
-            ASSERT_TRUE(wait_until(20000, [&] { return entered == 2; }));
-            ++permits;
-            EXPECT_TRUE(completions());
-        }
-        EXPECT_FALSE(completions(1, 300));
-        EXPECT_EQ(entered, quit ? 3 : 2);
-        EXPECT_EQ(count("decode frame"), quit ? 3u : 2u);
-    }
 }
 
 // get_hw_format picks the surface format of the context's device among those offered and needs

@@ -170,27 +170,6 @@ INSTANTIATE_TEST_SUITE_P(Codecs, VideoCodec, ::testing::ValuesIn(kCodecs),
                              return std::string(info.param.name);
                          });
 
-// With B-frames the decoder answers "need more data" first and then hands out pictures in
-// presentation order, each with its own timestamp rather than the delivering packet's.
-TEST_F(Video, ReorderedPicturesCarryTheirOwnTimestamps) {
-    const Clip& s = clip_of(kCodecs[0]);
-    ASSERT_FALSE(std::is_sorted(s.packets.begin(), s.packets.end(),
-                                [](const auto& a, const auto& b) { return a.pts < b.pts; }));
-    ASSERT_NO_FATAL_FAILURE(init(s, 176, 144, AV_PIX_FMT_YUV420P));
-    std::vector<int64_t> sent, received;
-    for (size_t i = 0; i < s.packets.size(); ++i) {
-        const ExchangeResult r = decode(s, i);
-        ASSERT_EQ(r.status, i == 0 ? STATUS_NEED_MORE_DATA : r.status);
-        sent.push_back(s.packets[i].pts);
-        if (r.status == STATUS_OK) {
-            received.push_back(r.output_pts);
-        }
-    }
-    std::sort(sent.begin(), sent.end());
-    sent.resize(received.size());
-    EXPECT_EQ(received, sent);
-}
-
 // A reset mid-stream keeps the codec and coded format and takes the new output. Output pixel
 // formats beyond FFmpeg 4's enumeration (187 formats), negative ones included, mean yuv420p.
 TEST_F(Video, ResetAndOutputFormats) {

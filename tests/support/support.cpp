@@ -22,6 +22,7 @@
 #include "decoder/exchange_block.h"
 
 extern "C" {
+#include <libavcodec/avcodec.h>
 #include <libavutil/log.h>
 }
 
@@ -302,16 +303,7 @@ const Clip& clip(const std::string& file, const std::string& args, bool video) {
 }
 
 bool have_encoder(const std::string& encoder) {
-    static std::mutex mutex;
-    static std::map<std::string, bool> known;
-    std::lock_guard<std::mutex> lock(mutex);
-    auto it = known.find(encoder);
-    if (it == known.end()) {
-        const std::string cmd = "ffmpeg -hide_banner -h encoder=" + encoder +
-                                " 2>/dev/null | grep -q 'Encoder " + encoder + "'";
-        it = known.emplace(encoder, system(cmd.c_str()) == 0).first;
-    }
-    return it->second;
+    return avcodec_find_encoder_by_name(encoder.c_str()) != nullptr;
 }
 
 std::string differs(const ExchangeResult& got, const uint8_t* output,

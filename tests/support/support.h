@@ -98,7 +98,7 @@ struct Clip : mediatools::Stream {
 };
 const Clip& clip(const std::string& file, const std::string& args, bool video = true);
 
-// Whether the ffmpeg command line here has the encoder.
+// Whether the ffmpeg command line here has the encoder: it uses the FFmpeg libraries the tests do.
 bool have_encoder(const std::string& encoder);
 
 // Empty when the service's answer and output bytes equal the model's; else what differs. The
