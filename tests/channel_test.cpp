@@ -56,11 +56,7 @@ TEST_F(Channel, ClientsGoneAreRemoved) {
     auto other = client(false), first = client(), second = client(false);
     const int threads = proc_stat(daemon.pid()).threads;
     auto busy = client();
-    ExchangeResult r{};
-    ASSERT_EQ(
-        busy->init_video(big.codec_index(), mediatools::video_init_params(big.info, 2560, 1440, 2),
-                         big.info.extradata.data(), big.info.extradata.size(), &r, kWaitMs),
-        ClientError::kOk);
+    ASSERT_EQ(set_up(*busy, big, 2560, 1440, 2), STATUS_OK);
     const auto& packet = big.packets[0].data;
     ASSERT_EQ(busy->write_decode_frame(packet.data(), packet.size(), 0), ClientError::kOk);
     ASSERT_EQ(busy->ring(), ClientError::kOk);
@@ -108,10 +104,8 @@ TEST_P(OutputClear, PastThePictureTheAreaReadsZero) {
     ASSERT_EQ(GetParam() == Block::kPosix ? client.connect_posix(daemon.socket_path())
                                           : client.connect_descriptor(daemon.socket_path()),
               ClientError::kOk);
+    ASSERT_EQ(set_up(client, c, 320, 240, 0, false), STATUS_OK);
     ExchangeResult r{};
-    ASSERT_EQ(client.init_video(c.codec_index(), mediatools::video_init_params(c.info, 320, 240, 0),
-                                nullptr, 0, &r, kWaitMs),
-              ClientError::kOk);
     for (auto [w, h] : {std::pair(320u, 240u), {160u, 120u}}) {
         if (w == 160) {
             ASSERT_EQ(client.reset_video(160, 120, 0, kWaitMs), ClientError::kOk);

@@ -39,12 +39,7 @@ struct Client {
                     : c.connect_descriptor(daemon.socket_path(), memfd.get())) == ClientError::kOk;
     }
     bool init(const Clip& s, int w, int h, int fmt) {
-        ExchangeResult r{};
-        return ok &&
-               c.init_video(s.codec_index(), mediatools::video_init_params(s.info, w, h, fmt),
-                            s.info.extradata.data(), s.info.extradata.size(), &r,
-                            kWaitMs) == ClientError::kOk &&
-               r.status == STATUS_OK;
+        return ok && set_up(c, s, w, h, fmt) == STATUS_OK;
     }
     // Packets [from, to) of the small clip: how many pictures, -1 on anything but pictures and
     // requests for more data.

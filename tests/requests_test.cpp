@@ -54,17 +54,8 @@ class Requests : public ::testing::Test {
         memcpy(c.block() + offset, &size, sizeof(size));
         return call();
     }
-    bool init(const Clip& s, bool with_config = true) {
-        const void* config = with_config ? s.info.extradata.data() : nullptr;
-        ExchangeResult r{};
-        return (s.info.video
-                    ? c.init_video(s.codec_index(),
-                                   mediatools::video_init_params(s.info, 64, 48, 0), config,
-                                   s.info.extradata.size(), &r, kWaitMs)
-                    : c.init_audio(s.codec_index(),
-                                   mediatools::audio_init_params(s.info, 1, 2, 44100), config,
-                                   s.info.extradata.size(), &r, kWaitMs)) == ClientError::kOk &&
-               r.status == STATUS_OK;
+    bool init(const Clip& s) {
+        return (s.info.video ? set_up(c, s, 64, 48, 0) : set_up(c, s, 1, 2, 44100)) == STATUS_OK;
     }
     // Decodes packets until one gives output; its index, or the packet count.
     size_t decode_until_output(const Clip& s) {

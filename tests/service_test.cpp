@@ -42,30 +42,6 @@ void make_dirs(const std::string& path) {
     ASSERT_EQ(system(("mkdir -p '" + path + "'").c_str()), 0);
 }
 
-// A stale file at the path is replaced (mode 0777 whatever the umask) and left behind at exit;
-// a later instance takes the path over from a running one, which runs on unreachable.
-TEST(Listen, SocketFileLifecycle) {
-    TempDir runtime;
-    make_dirs(runtime.path + "/vessa/sockets");
-    const std::string path = runtime.path + SOCKET_PATH_IN_RUNTIME_DIR;
-    ASSERT_EQ(close(open(path.c_str(), O_CREAT | O_WRONLY, 0600)), 0);
-    Daemon::Options options;
-    options.env["XDG_RUNTIME_DIR"] = runtime.path;
-    options.umask_value = 077;
-    Daemon first(options), second(options), third(options);
-    ASSERT_TRUE(first.start());
-    EXPECT_EQ(socket_mode(path), 0777u);
-    first.signal(SIGTERM);
-    ASSERT_EQ(first.wait_exit(), 0);
-    EXPECT_EQ(socket_mode(path), 0777u);
-    EXPECT_EQ(listener(path), -1);
-    ASSERT_TRUE(second.start());
-    EXPECT_EQ(listener(path), second.pid());
-    ASSERT_TRUE(third.start());
-    EXPECT_EQ(listener(path), third.pid());
-    EXPECT_TRUE(second.running());
-}
-
 // The path is composed in 4096 bytes (a longer one is cut at 4095) and the socket address holds
 // 107 of them; removing a stale file and setting the mode use the whole composed path.
 TEST(Listen, LongPathsAreCut) {
@@ -247,14 +223,10 @@ TEST_P(Teardown, ClosesEveryConnectionAfterItsWorker) {
     const Clip& big =
         clip("teardown.mkv", "-f lavfi -i testsrc=size=3840x2160 -frames:v 1 -c:v mpeg4");
     DecoderClient busy, idle;
-    ExchangeResult r{};
     ASSERT_EQ(busy.connect_posix(daemon.socket_path()), ClientError::kOk);
     ASSERT_EQ(idle.connect_descriptor(daemon.socket_path()), ClientError::kOk);
     ASSERT_EQ(idle.flush(kWaitMs), ClientError::kOk);
-    ASSERT_EQ(
-        busy.init_video(big.codec_index(), mediatools::video_init_params(big.info, 2560, 1440, 2),
-                        big.info.extradata.data(), big.info.extradata.size(), &r, kWaitMs),
-        ClientError::kOk);
+    ASSERT_EQ(set_up(busy, big, 2560, 1440, 2), STATUS_OK);
     UniqueFd pending(connect_service(daemon.socket_path()));
     UniqueFd ashmem_client(connect_service(daemon.socket_path()));
     UniqueFd posix_client(connect_service(daemon.socket_path()));

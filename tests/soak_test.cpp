@@ -84,17 +84,11 @@ int run_client(const std::string& socket, const Clip& s, Way way, const std::str
         return 0;
     }
     const uint32_t w = uint32_t(s.info.width), h = uint32_t(s.info.height);
-    ExchangeResult r{};
-    const ClientError set_up =
-        s.info.video
-            ? c.init_video(s.codec_index(),
-                           mediatools::video_init_params(s.info, int(w), int(h), 0),
-                           s.info.extradata.data(), s.info.extradata.size(), &r, kTimeoutMs)
-            : c.init_audio(s.codec_index(), mediatools::audio_init_params(s.info, 1, 2, 44100),
-                           s.info.extradata.data(), s.info.extradata.size(), &r, kTimeoutMs);
-    if (set_up != ClientError::kOk || r.status != STATUS_OK) {
+    if (set_up(c, s, s.info.video ? int(w) : 1, s.info.video ? int(h) : 2,
+               s.info.video ? 0 : 44100) != STATUS_OK) {
         return fail("init");
     }
+    ExchangeResult r{};
     const int requests = 5 + int(rng() % 300), cut_at = int(rng() % requests);
     const int pace_us = int(rng() % 3) * 2000;
     for (int i = 0; i < requests; ++i) {

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <climits>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -119,32 +118,19 @@ TEST_P(VideoCodec, MatchesTheModelThroughGarbage) {
         EXPECT_EQ(daemon.log().find("[ERROR]", log_before), std::string::npos);
     }
 
-    // Garbage, cut and damaged packets answer -1, 1 or a whole picture; the worker keeps serving
-    // and the clip decodes again from its first keyframe. Garbage configuration bytes either fail
-    // the setup or give a decoder that answers.
+    // Damaged packets, whole and cut, answer -1, 1 or a whole picture; the worker keeps serving
+    // and the clip decodes again from its first keyframe. (Random bytes: the fuzz target.)
     ASSERT_NO_FATAL_FAILURE(init(s, 120, 90, AV_PIX_FMT_YUV420P));
-    std::mt19937 rng(42);
-    auto random_bytes = [&](size_t size) {
-        std::vector<uint8_t> bytes(size);
-        std::generate(bytes.begin(), bytes.end(), [&] { return uint8_t(rng()); });
-        return bytes;
-    };
-    std::vector<std::vector<uint8_t>> bad;
-    for (size_t size : {1, 3, 16, 257, 4096, 65536}) {
-        bad.push_back(random_bytes(size));
-    }
-    for (size_t i = 0; i < s.packets.size(); ++i) {
-        const auto& p = s.packets[i].data;
-        bad.emplace_back(p.begin(), p.begin() + long(p.size() / 2 + 1));
-        bad.push_back(p);
-        for (size_t k = i % 7; k < p.size(); k += 7) {
-            bad.back()[k] ^= 0x5a;
-        }
-    }
     ExchangeResult r{};
-    for (const auto& b : bad) {
-        ASSERT_EQ(c.decode_frame(b.data(), b.size(), 1, &r, kWaitMs), ClientError::kOk);
-        EXPECT_EQ(r.output_size, r.status == STATUS_OK ? 120u * 90 * 3 / 2 : 0u);
+    for (const auto& p : s.packets) {
+        std::vector<uint8_t> damaged = p.data;
+        for (size_t k = 0; k < damaged.size(); k += 7) {
+            damaged[k] ^= 0x5a;
+        }
+        for (size_t size : {damaged.size(), damaged.size() / 2 + 1}) {
+            ASSERT_EQ(c.decode_frame(damaged.data(), size, 1, &r, kWaitMs), ClientError::kOk);
+            EXPECT_EQ(r.output_size, r.status == STATUS_OK ? 120u * 90 * 3 / 2 : 0u);
+        }
     }
     int pictures = 0;
     for (const auto& p : s.packets) {
@@ -152,17 +138,6 @@ TEST_P(VideoCodec, MatchesTheModelThroughGarbage) {
         pictures += r.status == STATUS_OK;
     }
     EXPECT_GT(pictures, 0);
-
-    const std::vector<uint8_t> config = random_bytes(100);
-    ASSERT_EQ(c.init_video(s.codec_index(), mediatools::video_init_params(s.info, 176, 144, 0),
-                           config.data(), config.size(), &r, kWaitMs),
-              ClientError::kOk);
-    if (r.status == STATUS_OK) {
-        const auto& p = s.packets[0].data;
-        ASSERT_EQ(c.decode_frame(p.data(), p.size(), 0, &r, kWaitMs), ClientError::kOk);
-    } else {
-        EXPECT_EQ(r.status, STATUS_FAILED);
-    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Codecs, VideoCodec, ::testing::ValuesIn(kCodecs),

@@ -153,7 +153,7 @@ bool Daemon::start() {
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
-        umask(options_.umask_value);
+        umask(022);
         execve(MEDIA_SERVICE_BIN, argv, envp.data());
         _exit(127);
     }
@@ -300,6 +300,18 @@ const Clip& clip(const std::string& file, const std::string& args, bool video) {
         ADD_FAILURE() << "could not make " << file << ": " << error;
     }
     return c;
+}
+
+int32_t set_up(mediaclient::DecoderClient& c, const Clip& s, int a, int b, int f, bool config) {
+    ExchangeResult r{};
+    const uint8_t* bytes = config ? s.info.extradata.data() : nullptr;
+    const size_t size = config ? s.info.extradata.size() : 0;
+    const auto e =
+        s.info.video ? c.init_video(s.codec_index(), mediatools::video_init_params(s.info, a, b, f),
+                                    bytes, size, &r, 60000)
+                     : c.init_audio(s.codec_index(), mediatools::audio_init_params(s.info, a, b, f),
+                                    bytes, size, &r, 60000);
+    return e == mediaclient::ClientError::kOk ? r.status : STATUS_FAILED;
 }
 
 bool have_encoder(const std::string& encoder) {

@@ -41,7 +41,6 @@ class Daemon {
     struct Options {
         // Extra or overriding environment; an empty value removes the variable.
         std::map<std::string, std::string> env;
-        mode_t umask_value = 022;
         bool log = true;  // false: the daemon's output goes to /dev/null (a long soak)
     };
     Daemon();
@@ -97,6 +96,12 @@ struct Clip : mediatools::Stream {
     uint32_t codec_index() const;
 };
 const Clip& clip(const std::string& file, const std::string& args, bool video = true);
+
+// Sets the client's decoder up for the clip, with its configuration bytes unless `config` is false:
+// video output `a`x`b` in pixel format `f`, or audio in sample format `a`, `b` channels at `f` Hz.
+// The answer's status; STATUS_FAILED when none came.
+int32_t set_up(mediaclient::DecoderClient& c, const Clip& s, int a, int b, int f,
+               bool config = true);
 
 // Whether the ffmpeg command line here has the encoder: it uses the FFmpeg libraries the tests do.
 bool have_encoder(const std::string& encoder);
