@@ -231,12 +231,9 @@ bool log_has(const std::string& log, const std::string& level, const std::string
 
 // ---- clients ----
 
-ScopedShm::ScopedShm(size_t size, const std::string& shm_name) : name(shm_name) {
+ScopedShm::ScopedShm(size_t size) {
     static std::atomic<unsigned> counter{0};
-    if (name.empty()) {
-        name = "/svc-test-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
-    }
-    shm_unlink(name.c_str());
+    name = "/svc-test-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
     fd = shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
     if (fd >= 0 && ftruncate(fd, static_cast<off_t>(size)) != 0) {
         close(fd);

@@ -79,7 +79,7 @@ bool log_has(const std::string& log, const std::string& level, const std::string
 
 // A POSIX shared memory object of the test: unlinked and closed on destruction.
 struct ScopedShm {
-    explicit ScopedShm(size_t size, const std::string& name = "");
+    explicit ScopedShm(size_t size);
     ~ScopedShm();
     int fd = -1;
     std::string name;
