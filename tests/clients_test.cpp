@@ -1,7 +1,9 @@
 // Decoder clients and the service: the client type msg (every refusal closes the connection with
 // its log line and leaves nothing open behind), doorbells and sync msgs (a long doorbell, clients
-// that go away at any moment), and the output area behind a picture. (One session client per
-// service: service_test; a worker that ended: requests_test.)
+// that go away at any moment), the output area behind a picture, and the requests of the exchange
+// block: what each answers without a decoder, the limits of every size a client gives, the
+// requests that end the worker, and the order in which a decoder's objects are released. (One
+// session client per service: service_test.)
 
 #include <fcntl.h>
 #include <signal.h>
@@ -10,8 +12,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -19,6 +23,7 @@
 #include <gtest/gtest.h>
 
 #include "base/unique_fd.h"
+#include "decoder/ffmpeg_protocol.h"
 #include "support/support.h"
 
 using namespace mediaclient;
@@ -213,6 +218,286 @@ TEST_F(Handshake, RefusalsAreLoggedAndLeaveNothingOpen) {
     EXPECT_TRUE(wait_until(3000, [&] { return proc_stat(daemon.pid()).fds == before.fds; }))
         << proc_stat(daemon.pid()).fds << " descriptors, " << before.fds << " before";
     EXPECT_EQ(proc_stat(daemon.pid()).threads, before.threads);
+}
+
+constexpr const char* kNoDecoder = "decoder context not initialized!!";
+const ExchangeResult kMarker{7, 0, 1234, 0, 987654321};
+
+bool same(const ExchangeResult& a, const ExchangeResult& b) {
+    return memcmp(&a, &b, sizeof(a)) == 0;
+}
+
+const Clip& mp2() {
+    return clip("requests.mp2", "-f lavfi -i sine=sample_rate=44100 -ac 2 -t 0.5 -c:a mp2", false);
+}
+const Clip& h264() {
+    return clip("requests.h264",
+                "-f lavfi -i testsrc=size=64x48 -frames:v 4 -c:v libx264 -tune zerolatency");
+}
+
+class Requests : public ::testing::Test {
+  public:
+    void SetUp() override {
+        ASSERT_TRUE(daemon.start());
+        ASSERT_EQ(c.connect_posix(daemon.socket_path()), ClientError::kOk);
+    }
+
+    // Sends the request already written, with the marker in the result area; the result.
+    ExchangeResult call() {
+        c.set_result(kMarker);
+        EXPECT_EQ(c.call(kWaitMs), ClientError::kOk);
+        return c.result();
+    }
+    // Writes a request whose 32-bit size at `offset` is then overwritten with `size`; the result.
+    ExchangeResult call_with_size(ClientError written, size_t offset, int32_t size) {
+        EXPECT_EQ(written, ClientError::kOk);
+        memcpy(c.block() + offset, &size, sizeof(size));
+        return call();
+    }
+    bool init(const Clip& s) {
+        return (s.info.video ? set_up(c, s, 64, 48, 0) : set_up(c, s, 1, 2, 44100)) == STATUS_OK;
+    }
+    // Decodes packets until one gives output; its index, or the packet count.
+    size_t decode_until_output(const Clip& s) {
+        size_t i = 0;
+        for (ExchangeResult r{}; i < s.packets.size(); ++i) {
+            const auto& p = s.packets[i].data;
+            EXPECT_EQ(c.decode_frame(p.data(), p.size(), 1, &r, kWaitMs), ClientError::kOk);
+            if (r.status == STATUS_OK && r.output_size > 0) {
+                break;
+            }
+        }
+        return i;
+    }
+    // The worker has ended: a doorbell gets no sync msg.
+    bool worker_ended() {
+        return c.write_request_type(REQUEST_FLUSH) == ClientError::kOk &&
+               c.call(300) == ClientError::kTimeout;
+    }
+    // Whether the log from `from` on holds `lines` in that order.
+    bool logged_in_order(size_t from, const std::vector<const char*>& lines) {
+        const std::string log = daemon.log();
+        for (const char* line : lines) {
+            from = log.find(line, from);
+            if (from == std::string::npos) {
+                ADD_FAILURE() << line << " missing or out of order";
+                return false;
+            }
+            ++from;
+        }
+        return true;
+    }
+
+    Daemon daemon;
+    DecoderClient c;
+};
+
+// Without a decoder a decode answers all zero whatever its size (and says why), while flush,
+// configuration bytes and destroy leave the result area alone and reset zeroes it. "Without a
+// decoder" is: before any setup, after destroy, and after a reset whose setup failed (Vorbis
+// cannot be opened again without its configuration bytes).
+TEST_F(Requests, WithoutDecoder) {
+    const Clip& vorbis = clip(
+        "requests.ogg", "-f lavfi -i sine=sample_rate=44100 -ac 2 -t 0.5 -c:a libvorbis", false);
+    for (const std::string when : {"before init", "after destroy", "after failed reset"}) {
+        SCOPED_TRACE(when);
+        if (when == "after destroy") {
+            ASSERT_TRUE(init(mp2()));
+            ASSERT_EQ(c.destroy(kWaitMs), ClientError::kOk);
+        } else if (when == "after failed reset") {
+            ASSERT_TRUE(init(vorbis));
+            decode_until_output(vorbis);
+            ASSERT_EQ(c.write_reset_audio(1, 2, 44100), ClientError::kOk);
+            EXPECT_TRUE(same(call(), ExchangeResult{}));
+            EXPECT_TRUE(log_has(daemon.log(), "ERROR", "audio decoder open failed"));
+        }
+        const size_t said = daemon.count(kNoDecoder);
+        // After a failed reset the decoder state is still there, so sizes are still checked.
+        const std::vector<int32_t> sizes = when == "after failed reset"
+                                               ? std::vector<int32_t>{16}
+                                               : std::vector<int32_t>{16, 0, -1};
+        for (int32_t size : sizes) {
+            const ClientError w = c.write_decode_frame("garbage garbage!", 16, 42);
+            EXPECT_TRUE(same(call_with_size(w, REQ_DATA_SIZE_OFFSET, size), ExchangeResult{}));
+        }
+        EXPECT_EQ(daemon.count(kNoDecoder), said + sizes.size());
+        for (uint32_t type : {REQUEST_FLUSH, REQUEST_CODEC_CONFIG, REQUEST_DESTROY_CONTEXT}) {
+            ASSERT_EQ(c.write_codec_config("abcd", 4), ClientError::kOk);
+            ASSERT_EQ(c.write_request_type(type), ClientError::kOk);
+            EXPECT_TRUE(same(call(), kMarker)) << type;
+        }
+        ASSERT_EQ(c.write_reset_audio(1, 2, 44100), ClientError::kOk);
+        EXPECT_TRUE(same(call(), ExchangeResult{}));
+    }
+}
+
+// After destroy while a state of the other media type is still held, no media type is in use: a
+// decode writes nothing at all and touches no released packet; the worker goes on serving.
+TEST_F(Requests, DestroyWhileTheOtherMediaTypeIsHeld) {
+    ASSERT_TRUE(init(h264()));
+    ASSERT_TRUE(init(mp2()));
+    ASSERT_EQ(c.destroy(kWaitMs), ClientError::kOk);
+    const auto& p = mp2().packets[0].data;
+    ASSERT_EQ(c.write_decode_frame(p.data(), p.size(), 9), ClientError::kOk);
+    EXPECT_TRUE(same(call(), kMarker));
+    EXPECT_EQ(daemon.count(kNoDecoder), 0u);
+    ASSERT_TRUE(init(mp2()));
+    EXPECT_LT(decode_until_output(mp2()), mp2().packets.size());
+}
+
+// Every size a client gives is checked against the area it describes: a packet beyond the input
+// area fails and feeds nothing to the decoder; configuration bytes beyond it change nothing; a
+// picture of exactly the output area is delivered, one byte more fails, and so do outputs that
+// cannot be made at all. (Configuration bytes beyond the area in a setup: FailedSetup below.)
+TEST_F(Requests, SizeLimits) {
+    ASSERT_TRUE(init(mp2()));
+    const int32_t area = static_cast<int32_t>(SHM_AREA_SIZE);
+    for (int32_t size : {0, -1, INT_MIN, area + 1, INT_MAX}) {
+        const ClientError w = c.write_decode_frame(nullptr, 0, 5);
+        const ExchangeResult r = call_with_size(w, REQ_DATA_SIZE_OFFSET, size);
+        EXPECT_EQ(r.status, STATUS_FAILED) << size;
+        EXPECT_EQ(r.output_size, 0u);
+    }
+    EXPECT_EQ(daemon.count("wrong packet size passed"), 5u);
+    EXPECT_EQ(daemon.count("decoding audio frame"), 0u);
+    // A packet may fill the whole area.
+    call_with_size(c.write_decode_frame(nullptr, 0, 5), REQ_DATA_SIZE_OFFSET, area);
+    EXPECT_EQ(daemon.count("wrong packet size passed"), 5u);
+    EXPECT_EQ(daemon.count("decoding audio frame"), 1u);
+    for (int32_t size : {0, -4, area + 1}) {
+        const ClientError w = c.write_codec_config(nullptr, 0);
+        EXPECT_TRUE(same(call_with_size(w, REQ_DATA_SIZE_OFFSET, size), kMarker)) << size;
+    }
+    EXPECT_EQ(decode_until_output(mp2()), 0u);
+
+    const Clip& v = h264();
+    // Gray8: of these sizes only 4096x4096 fits the area, exactly.
+    for (auto [w, h] : {std::pair(4096, 4096), {4097, 4096}, {0, 0}, {-16, 16}, {100000, 100000}}) {
+        const int32_t status = w == 4096 && h == 4096 ? STATUS_OK : STATUS_FAILED;
+        ExchangeResult r{};
+        ASSERT_EQ(c.init_video(v.codec_index(), mediatools::video_init_params(v.info, w, h, 8),
+                               nullptr, 0, &r, kWaitMs),
+                  ClientError::kOk);
+        const auto& p = v.packets[0].data;
+        ASSERT_EQ(c.decode_frame(p.data(), p.size(), 5, &r, kWaitMs), ClientError::kOk);
+        EXPECT_EQ(r.status, status) << w << "x" << h;
+        EXPECT_EQ(r.output_size, status == STATUS_OK ? SHM_AREA_SIZE : 0u);
+    }
+    EXPECT_EQ(daemon.count("output image size overflow!!"), 1u);
+    EXPECT_GE(daemon.count("cannot initialize convertion context"), 2u);
+    // Configuration bytes beyond the input area fail the setup (and end the worker).
+    const ExchangeResult r = call_with_size(
+        c.write_init_video(v.codec_index(), mediatools::video_init_params(v.info, 8, 8, 0)),
+        REQ_PARAM_OFFSET + 3 * sizeof(int32_t), area + 1);
+    EXPECT_EQ(r.status, STATUS_FAILED);
+}
+
+// These are answered (the result area as it was) and end the worker: later doorbells are read but
+// get no sync msg (and are not executed), and the client stays registered until it leaves.
+TEST_F(Requests, EndingRequests) {
+    const struct {
+        uint32_t type, media_type, codec_index;
+        const char *level, *line;
+    } cases[] = {
+        {6, 0, 0, "WARN", "unknown client request type, stop further processing"},
+        {REQUEST_INIT_CODEC, 0, 11, "ERROR", "unknown video codec specified"},
+        {REQUEST_INIT_CODEC, 1, 12, "ERROR", "unknown audio codec specified"},
+        {REQUEST_INIT_CODEC, 2, 0, "WARN", "unknown media type specified, initialization failed"},
+    };
+    size_t purges = daemon.count(kPurge);
+    for (const auto& e : cases) {
+        SCOPED_TRACE(e.line);
+        ASSERT_EQ(c.write_init(e.media_type, e.codec_index, {64, 64, 0, 0, 64, 64, 0}),
+                  ClientError::kOk);
+        ASSERT_EQ(c.write_request_type(e.type), ClientError::kOk);
+        EXPECT_TRUE(same(call(), kMarker));
+        EXPECT_TRUE(log_has(daemon.log(), e.level, e.line));
+        EXPECT_TRUE(worker_ended());
+        ASSERT_TRUE(daemon.barrier());
+        EXPECT_FALSE(wait_closed(c.fd(), 0));
+        c.close();
+        EXPECT_TRUE(daemon.wait_log(kPurge, ++purges));
+        ASSERT_EQ(c.connect_posix(daemon.socket_path()), ClientError::kOk);
+    }
+    EXPECT_EQ(daemon.count("flush decoder"), 0u);
+}
+
+// The release actions log what they free, in the order the decoder's state is taken apart.
+TEST_F(Requests, ReleaseOrder) {
+    for (const Clip* s : {&h264(), &mp2()}) {
+        const size_t from = daemon.log().size();
+        ASSERT_TRUE(init(*s));
+        decode_until_output(*s);
+        ASSERT_EQ(c.destroy(kWaitMs), ClientError::kOk);
+        EXPECT_TRUE(s->info.video
+                        ? logged_in_order(from, {"destroy context", "freeing SW scale context",
+                                                 "freeing video decoder context",
+                                                 "freeing video frame", "freeing video packet"})
+                        : logged_in_order(from, {"destroy context", "freeing SW resample context",
+                                                 "freeing audio decoder context",
+                                                 "freeing audio frame", "freeing audio packet"}));
+    }
+    // A second setup releases the first state before it makes the new objects, and the old packet
+    // and frame when the new ones are in place.
+    ASSERT_TRUE(init(h264()));
+    size_t from = daemon.log().size();
+    decode_until_output(h264());
+    ASSERT_TRUE(init(h264()));
+    EXPECT_TRUE(logged_in_order(
+        from, {"decoding video frame", "init video codec context", "freeing SW scale context",
+               "freeing video decoder context", "freeing video packet", "freeing video frame"}));
+    // A reset releases the scaler and the decoder before it makes the new ones.
+    decode_until_output(h264());
+    from = daemon.log().size();
+    ASSERT_EQ(c.reset_video(32, 24, 0, kWaitMs), ClientError::kOk);
+    EXPECT_TRUE(logged_in_order(from, {"freeing SW scale context", "freeing video decoder context",
+                                       "init video codec context"}));
+    // A setup whose configuration bytes go beyond the input area fails and ends the worker: it
+    // releases the old state and what it made; the old packet and frame go with the instance.
+    ASSERT_TRUE(init(mp2()));
+    from = daemon.log().size();
+    decode_until_output(mp2());
+    const ClientError w =
+        c.write_init_audio(mp2().codec_index(), mediatools::audio_init_params(mp2().info, 1, 2, 0));
+    const int32_t too_big = int32_t{SHM_AREA_SIZE} + 1;
+    EXPECT_EQ(call_with_size(w, REQ_PARAM_OFFSET + 3 * sizeof(int32_t), too_big).status,
+              STATUS_FAILED);
+    EXPECT_TRUE(worker_ended());
+    const size_t frames_freed = daemon.count("freeing audio frame");
+    c.close();
+    ASSERT_TRUE(daemon.wait_log("freeing audio frame", frames_freed + 1));
+    EXPECT_TRUE(logged_in_order(
+        from, {"decoding audio frame", "init audio codec context", "freeing SW resample context",
+               "freeing audio decoder context", "freeing audio decoder context",
+               "ummapping shared memory",  // sic: the service's text
+               "freeing audio packet", "freeing audio frame"}));
+}
+
+// Every row of both codec tables is FFmpeg's codec of that name and is set up through the service
+// without configuration bytes. Rows whose decoder needs configuration bytes (VC-1, Vorbis, ALAC),
+// or values that no init request carries (COOK and WMAV2 a block alignment, APE a sample depth),
+// are refused by FFmpeg: the setup fails and ends the worker.
+TEST(CodecTables, EveryRowIsFFmpegsCodec) {
+    const std::set<std::string> refused = {"vc1", "ape", "cook", "vorbis", "wmav2", "alac"};
+    Daemon daemon;
+    ASSERT_TRUE(daemon.start());
+    for (int i = 0; i < VIDEO_CODEC_COUNT + AUDIO_CODEC_COUNT; ++i) {
+        const bool video = i < VIDEO_CODEC_COUNT;
+        const uint32_t row = uint32_t(video ? i : i - VIDEO_CODEC_COUNT);
+        const std::string name = video ? VIDEO_CODEC_NAMES[row] : AUDIO_CODEC_NAMES[row];
+        SCOPED_TRACE(name);
+        EXPECT_EQ(
+            avcodec_get_name(table_codec_id(video ? MEDIA_TYPE_VIDEO : MEDIA_TYPE_AUDIO, row)),
+            name);
+        DecoderClient c;
+        ASSERT_EQ(c.connect_posix(daemon.socket_path()), ClientError::kOk);
+        ExchangeResult r{};
+        ASSERT_EQ(video ? c.init_video(row, {176, 144, 0, 176, 144, 0}, nullptr, 0, &r, kWaitMs)
+                        : c.init_audio(row, {AV_SAMPLE_FMT_FLTP, 2, 44100, 1, 2, 44100}, nullptr, 0,
+                                       &r, kWaitMs),
+                  ClientError::kOk);
+        EXPECT_EQ(r.status, refused.count(name) ? STATUS_FAILED : STATUS_OK);
+    }
 }
 
 }  // namespace
