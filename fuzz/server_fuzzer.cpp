@@ -16,16 +16,16 @@
 //   4 wait     u8 client: waits for the sync msg that is due
 // After every operation the loop runs what is due.
 
+// The host has no ashmem driver: the test hooks answer its size request on memfds, which stand in
+// for ashmem regions.
+#include "support/testhooks.c"
+
 #include <fcntl.h>
-#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -310,26 +310,6 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     SvcLogFile("/dev/null");
     av_log_set_level(AV_LOG_QUIET);
     return 0;
-}
-
-// The host has no ashmem driver: its size request, _IO(0x77, 4), is answered for memfds, which
-// stand in for ashmem regions. --wrap=ioctl sends the service's calls here; FFmpeg's stay as they
-// are.
-extern "C" int __real_ioctl(int fd, unsigned long request, ...);
-extern "C" int __wrap_ioctl(int fd, unsigned long request, ...) {
-    va_list args;
-    va_start(args, request);
-    void* arg = va_arg(args, void*);
-    va_end(args);
-    struct stat st;
-    if (request != _IO(0x77, 4)) {
-        return __real_ioctl(fd, request, arg);
-    }
-    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
-        return static_cast<int>(st.st_size);
-    }
-    errno = ENOTTY;
-    return -1;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
