@@ -18,12 +18,7 @@ namespace {
 
 class Tools : public ::testing::Test {
   protected:
-    void SetUp() override {
-#ifndef MEDIA_DECODE_BIN
-        GTEST_SKIP() << "media-decode is not built (SVC_BUILD_TOOLS=OFF)";
-#endif
-        ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
-    }
+    void SetUp() override { ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0); }
     // Every daemon a run started ends with the tool's session client.
     void TearDown() override {
         EXPECT_TRUE(wait_until(10000, [] {
@@ -34,14 +29,9 @@ class Tools : public ::testing::Test {
     }
     // The exit status; the standard streams in out and err.
     int run(const std::string& args) {
-        int status = -1;
-#ifdef MEDIA_DECODE_BIN
-        status = system(("timeout 60 " MEDIA_DECODE_BIN " " + args + " >" + dir.path + "/out 2>" +
-                         dir.path + "/err")
-                            .c_str());
-#else
-        (void)args;
-#endif
+        const int status = system(("timeout 60 " MEDIA_DECODE_BIN " " + args + " >" + dir.path +
+                                   "/out 2>" + dir.path + "/err")
+                                      .c_str());
         out = read_file(dir.path + "/out");
         err = read_file(dir.path + "/err");
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
