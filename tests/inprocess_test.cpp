@@ -107,19 +107,17 @@ class Decoder : public ::testing::Test {
     ExchangeResult& result() {
         return *reinterpret_cast<ExchangeResult*>(block + SHM_RESULT_OFFSET);
     }
-    // A video setup with the clip's configuration bytes.
+    // A video setup with the clip's configuration bytes, to its own size in yuv420p.
     void init(const Clip& s) {
         const auto& i = s.info;
-        const ExchangeVideoInit r{REQUEST_INIT_CODEC,
-                                  MEDIA_TYPE_VIDEO,
-                                  s.codec_index(),
-                                  i.width,
-                                  i.height,
-                                  i.pix_fmt,
-                                  int32_t(i.extradata.size()),
-                                  176,
-                                  144,
-                                  0};
+        ExchangeVideoInit r{};
+        r.request_type = REQUEST_INIT_CODEC;
+        r.media_type = MEDIA_TYPE_VIDEO;
+        r.codec_index = s.codec_index();
+        r.coded_width = r.out_width = i.width;
+        r.coded_height = r.out_height = i.height;
+        r.coded_pix_fmt = i.pix_fmt;
+        r.config_size = int32_t(i.extradata.size());
         ASSERT_TRUE(request(&r, sizeof(r), i.extradata.data(), i.extradata.size()));
         ASSERT_EQ(result().status, STATUS_OK);
         calls.clear();

@@ -385,14 +385,10 @@ TEST(Exhaustion, RefusesOrPausesAndRecovers) {
         ++exhausted.rlim_cur;
     }
     ASSERT_EQ(prlimit(daemon.pid(), RLIMIT_NOFILE, &exhausted, nullptr), 0);
-    std::vector<std::unique_ptr<ScopedShm>> blocks;
-    std::vector<UniqueFd> waiting;
+    std::vector<std::unique_ptr<DecoderClient>> waiting;
     for (int i = 0; i < 3; ++i) {
-        blocks.emplace_back(new ScopedShm(SHM_BLOCK_SIZE));
-        waiting.emplace_back(connect_service(daemon.socket_path()));
-        ASSERT_GE(send_type_msg(waiting.back().get(), CLIENT_TYPE_SHM_DECODER, blocks.back()->name,
-                                {blocks.back()->fd}),
-                  0);
+        waiting.emplace_back(new DecoderClient);  // connected and registering, not yet accepted
+        ASSERT_EQ(waiting.back()->connect_posix(daemon.socket_path()), ClientError::kOk);
     }
     ASSERT_TRUE(daemon.wait_log("media server accept failed: [24] Too many open files"));
     const double cpu = proc_stat(daemon.pid()).cpu_s;
@@ -405,13 +401,9 @@ TEST(Exhaustion, RefusesOrPausesAndRecovers) {
     ASSERT_EQ(prlimit(daemon.pid(), RLIMIT_NOFILE, &files, nullptr), 0);
     EXPECT_TRUE(wait_until(kLongWaitMs,
                            [&] { return proc_stat(daemon.pid()).threads == before.threads + 3; }));
-    for (UniqueFd& fd : waiting) {
-        char sync = 0;
-        EXPECT_EQ(send(fd.get(), "x", 1, MSG_NOSIGNAL), 1);  // a block of zeros: an init
-        EXPECT_EQ(wait_readable(fd.get(), kLongWaitMs), ClientError::kOk);
-        EXPECT_EQ(recv(fd.get(), &sync, 1, 0), 1);
-        EXPECT_EQ(sync, char(SYNC_MSG_BYTE));
-        fd.reset();
+    for (auto& c : waiting) {
+        EXPECT_EQ(c->flush(kLongWaitMs), ClientError::kOk);
+        c.reset();
     }
     EXPECT_TRUE(wait_until(kLongWaitMs, [&] { return proc_stat(daemon.pid()).fds == before.fds; }));
     EXPECT_FALSE(session.disconnected());
