@@ -226,12 +226,9 @@ class Run {
         const uint8_t* record = in.bytes(&length);
         ucred creds = {getpid(), getuid(), getgid()};
         if ((ancillary & 8) != 0) {
-            uint32_t pid = in.u32();
-            uint32_t uid = in.u32();
-            uint32_t gid = in.u32();
-            creds.pid = pid != 0 ? static_cast<pid_t>(pid) : creds.pid;
-            creds.uid = uid != 0xffffffffu ? uid : creds.uid;
-            creds.gid = gid != 0xffffffffu ? gid : creds.gid;
+            const uint32_t pid = in.u32(), uid = in.u32(), gid = in.u32();  // read in this order
+            creds = {pid != 0 ? static_cast<pid_t>(pid) : creds.pid,
+                     uid != 0xffffffffu ? uid : creds.uid, gid != 0xffffffffu ? gid : creds.gid};
         }
         Client* client = pick(index);
         if (client == nullptr) {

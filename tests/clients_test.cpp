@@ -33,22 +33,89 @@ namespace {
 constexpr int kWaitMs = 10000;
 constexpr const char* kPurge = "cleaning disconnected and/or error decoder clients";
 
-class Channel : public ::testing::Test {
-  protected:
-    void SetUp() override { ASSERT_TRUE(daemon.start()); }
+constexpr const char* kNoDecoder = "decoder context not initialized!!";
+const ExchangeResult kMarker{7, 0, 1234, 0, 987654321};
 
-    // A registered client whose first request has been answered.
+bool same(const ExchangeResult& a, const ExchangeResult& b) {
+    return memcmp(&a, &b, sizeof(a)) == 0;
+}
+
+const Clip& mp2() {
+    return clip("requests.mp2", "-f lavfi -i sine=sample_rate=44100 -ac 2 -t 0.5 -c:a mp2", false);
+}
+const Clip& h264() {
+    return clip("requests.h264",
+                "-f lavfi -i testsrc=size=64x48 -frames:v 4 -c:v libx264 -tune zerolatency");
+}
+
+class Requests : public ::testing::Test {
+  public:
+    void SetUp() override {
+        ASSERT_TRUE(daemon.start());
+        ASSERT_EQ(c.connect_posix(daemon.socket_path()), ClientError::kOk);
+    }
+
+    // Sends the request already written, with the marker in the result area; the result.
+    ExchangeResult call() {
+        c.set_result(kMarker);
+        EXPECT_EQ(c.call(kWaitMs), ClientError::kOk);
+        return c.result();
+    }
+    // Writes a request whose 32-bit size at `offset` is then overwritten with `size`; the result.
+    ExchangeResult call_with_size(ClientError written, size_t offset, int32_t size) {
+        EXPECT_EQ(written, ClientError::kOk);
+        memcpy(c.block() + offset, &size, sizeof(size));
+        return call();
+    }
+    bool init(const Clip& s) {
+        return (s.info.video ? set_up(c, s, 64, 48, 0) : set_up(c, s, 1, 2, 44100)) == STATUS_OK;
+    }
+    // Decodes packets until one gives output; its index, or the packet count.
+    size_t decode_until_output(const Clip& s) {
+        size_t i = 0;
+        for (ExchangeResult r{}; i < s.packets.size(); ++i) {
+            const auto& p = s.packets[i].data;
+            EXPECT_EQ(c.decode_frame(p.data(), p.size(), 1, &r, kWaitMs), ClientError::kOk);
+            if (r.status == STATUS_OK && r.output_size > 0) {
+                break;
+            }
+        }
+        return i;
+    }
+    // The worker has ended: a doorbell gets no sync msg.
+    bool worker_ended() {
+        return c.write_request_type(REQUEST_FLUSH) == ClientError::kOk &&
+               c.call(300) == ClientError::kTimeout;
+    }
+    // Whether the log from `from` on holds `lines` in that order.
+    bool logged_in_order(size_t from, const std::vector<const char*>& lines) {
+        const std::string log = daemon.log();
+        for (const char* line : lines) {
+            from = log.find(line, from);
+            if (from == std::string::npos) {
+                ADD_FAILURE() << line << " missing or out of order";
+                return false;
+            }
+            ++from;
+        }
+        return true;
+    }
+
+    // Another registered client whose first request has been answered.
     std::unique_ptr<DecoderClient> client(bool posix = true) {
-        auto c = std::make_unique<DecoderClient>();
-        EXPECT_EQ(posix ? c->connect_posix(daemon.socket_path())
-                        : c->connect_descriptor(daemon.socket_path()),
+        auto other = std::make_unique<DecoderClient>();
+        EXPECT_EQ(posix ? other->connect_posix(daemon.socket_path())
+                        : other->connect_descriptor(daemon.socket_path()),
                   ClientError::kOk);
-        EXPECT_EQ(c->flush(kWaitMs), ClientError::kOk);
-        return c;
+        EXPECT_EQ(other->flush(kWaitMs), ClientError::kOk);
+        return other;
     }
 
     Daemon daemon;
+    DecoderClient c;
 };
+// Doorbells and sync msgs, on the requests' daemon, with more clients where a case needs them.
+class Channel : public Requests {};
 
 // A doorbell of 300 bytes is one doorbell: one execution, one sync msg.
 TEST_F(Channel, LongDoorbellCountsOnce) {
@@ -220,78 +287,6 @@ TEST_F(Handshake, RefusalsAreLoggedAndLeaveNothingOpen) {
     EXPECT_EQ(proc_stat(daemon.pid()).threads, before.threads);
 }
 
-constexpr const char* kNoDecoder = "decoder context not initialized!!";
-const ExchangeResult kMarker{7, 0, 1234, 0, 987654321};
-
-bool same(const ExchangeResult& a, const ExchangeResult& b) {
-    return memcmp(&a, &b, sizeof(a)) == 0;
-}
-
-const Clip& mp2() {
-    return clip("requests.mp2", "-f lavfi -i sine=sample_rate=44100 -ac 2 -t 0.5 -c:a mp2", false);
-}
-const Clip& h264() {
-    return clip("requests.h264",
-                "-f lavfi -i testsrc=size=64x48 -frames:v 4 -c:v libx264 -tune zerolatency");
-}
-
-class Requests : public ::testing::Test {
-  public:
-    void SetUp() override {
-        ASSERT_TRUE(daemon.start());
-        ASSERT_EQ(c.connect_posix(daemon.socket_path()), ClientError::kOk);
-    }
-
-    // Sends the request already written, with the marker in the result area; the result.
-    ExchangeResult call() {
-        c.set_result(kMarker);
-        EXPECT_EQ(c.call(kWaitMs), ClientError::kOk);
-        return c.result();
-    }
-    // Writes a request whose 32-bit size at `offset` is then overwritten with `size`; the result.
-    ExchangeResult call_with_size(ClientError written, size_t offset, int32_t size) {
-        EXPECT_EQ(written, ClientError::kOk);
-        memcpy(c.block() + offset, &size, sizeof(size));
-        return call();
-    }
-    bool init(const Clip& s) {
-        return (s.info.video ? set_up(c, s, 64, 48, 0) : set_up(c, s, 1, 2, 44100)) == STATUS_OK;
-    }
-    // Decodes packets until one gives output; its index, or the packet count.
-    size_t decode_until_output(const Clip& s) {
-        size_t i = 0;
-        for (ExchangeResult r{}; i < s.packets.size(); ++i) {
-            const auto& p = s.packets[i].data;
-            EXPECT_EQ(c.decode_frame(p.data(), p.size(), 1, &r, kWaitMs), ClientError::kOk);
-            if (r.status == STATUS_OK && r.output_size > 0) {
-                break;
-            }
-        }
-        return i;
-    }
-    // The worker has ended: a doorbell gets no sync msg.
-    bool worker_ended() {
-        return c.write_request_type(REQUEST_FLUSH) == ClientError::kOk &&
-               c.call(300) == ClientError::kTimeout;
-    }
-    // Whether the log from `from` on holds `lines` in that order.
-    bool logged_in_order(size_t from, const std::vector<const char*>& lines) {
-        const std::string log = daemon.log();
-        for (const char* line : lines) {
-            from = log.find(line, from);
-            if (from == std::string::npos) {
-                ADD_FAILURE() << line << " missing or out of order";
-                return false;
-            }
-            ++from;
-        }
-        return true;
-    }
-
-    Daemon daemon;
-    DecoderClient c;
-};
-
 // Without a decoder a decode answers all zero whatever its size (and says why), while flush,
 // configuration bytes and destroy leave the result area alone and reset zeroes it. "Without a
 // decoder" is: before any setup, after destroy, and after a reset whose setup failed (Vorbis
@@ -348,7 +343,7 @@ TEST_F(Requests, DestroyWhileTheOtherMediaTypeIsHeld) {
 // Every size a client gives is checked against the area it describes: a packet beyond the input
 // area fails and feeds nothing to the decoder; configuration bytes beyond it change nothing; a
 // picture of exactly the output area is delivered, one byte more fails, and so do outputs that
-// cannot be made at all. (Configuration bytes beyond the area in a setup: FailedSetup below.)
+// cannot be made at all; configuration bytes beyond the input area fail a setup.
 TEST_F(Requests, SizeLimits) {
     ASSERT_TRUE(init(mp2()));
     const int32_t area = static_cast<int32_t>(SHM_AREA_SIZE);

@@ -38,7 +38,6 @@ constexpr int kTimeoutMs = 60000;
 // Resident memory may end this much above the baseline (allocator caches, FFmpeg's lazily built
 // tables). Sanitizer builds keep freed memory in quarantine or shadow: not checked there.
 constexpr long kRssMarginKb = 32 * 1024;
-constexpr bool kSanitized = sizeof(SVC_SANITIZER) > 1;
 // ThreadSanitizer starts a thread of its own in the daemon when the daemon starts its first.
 constexpr int kSanitizerThreads = std::string_view(SVC_SANITIZER) == "thread" ? 1 : 0;
 
@@ -243,7 +242,8 @@ TEST_F(Soak, ClientsComeAndGoAndTheDaemonReturnsToItsBaseline) {
     EXPECT_EQ(counters->failures, 0ull) << counters->last_failure;
     EXPECT_EQ(end.fds, baseline.fds);
     EXPECT_EQ(end.threads, baseline.threads);
-    EXPECT_TRUE(kSanitized || end.rss_kb <= baseline.rss_kb + kRssMarginKb) << end.rss_kb;
+    EXPECT_TRUE(sizeof(SVC_SANITIZER) > 1 || end.rss_kb <= baseline.rss_kb + kRssMarginKb)
+        << end.rss_kb;
     // A new client is served: a whole stream with every answer right.
     spawn(Way::kWellBehaved);
     reap(true);
