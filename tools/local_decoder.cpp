@@ -1,5 +1,6 @@
 #include "tools/local_decoder.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -151,10 +152,11 @@ bool LocalVideoDecoder::open(int codec_id, const mediaclient::VideoInitParams& p
     codec_id_ = codec_id;
     params_ = params;
     out_pix_fmt_ = effective_out_pix_fmt(params.out_pix_fmt);
-    if (!open_codec(extradata, error) || !prepare_output(error)) {
+    if (!open_codec(extradata, error)) {
         close();
         return false;
     }
+    prepare_output();
     return true;
 }
 
@@ -181,28 +183,29 @@ bool LocalVideoDecoder::open_codec(const std::vector<uint8_t>& extradata, std::s
 
 // The output area, or the picture buffer. A picture the service would refuse for its size gets
 // no buffer, so that decoding fails where the service's does and never allocates gigabytes.
-bool LocalVideoDecoder::prepare_output(std::string* error) {
+void LocalVideoDecoder::prepare_output() {
     if (mode_ == Output::kLikeService) {
         if (!area_) {
             area_.reset(new OutputArea());
         }
-        return true;
+        return;
     }
     const AVPixelFormat format = static_cast<AVPixelFormat>(out_pix_fmt_);
     picture_size_ = av_image_get_buffer_size(format, params_.out_width, params_.out_height, 1);
     if (!size_fits_area(picture_size_)) {
-        return true;
+        return;
     }
     const int ret = ffcompat::image_alloc(picture_, linesizes_, params_.out_width,
                                           params_.out_height, format, 1);
     if (ret < 0) {
-        *error = "cannot allocate the picture buffer: " + av_error(ret);
-        return false;
+        // FFmpeg refuses a paletted format an unaligned buffer, and leaves the pointers set: no
+        // picture buffer, so every picture fails, as the service's conversion does.
+        std::fill(std::begin(picture_), std::end(picture_), nullptr);
+        return;
     }
     if (!holds_packed_picture(format, params_.out_width, linesizes_)) {
         packed_.resize(static_cast<size_t>(picture_size_));
     }
-    return true;
 }
 
 bool LocalVideoDecoder::reset(int out_width, int out_height, int out_pix_fmt) {

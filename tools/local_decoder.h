@@ -98,7 +98,8 @@ class LocalVideoDecoder {
   private:
     void close();
     bool open_codec(const std::vector<uint8_t>& extradata, std::string* error);
-    bool prepare_output(std::string* error);
+    // The picture buffer of kScaleOnly; none when FFmpeg cannot make one (every picture fails).
+    void prepare_output();
     Answer convert_like_service();
     Answer scale_only();
     Answer fail();
