@@ -289,26 +289,33 @@ TEST_F(Handshake, RefusalsAreLoggedAndLeaveNothingOpen) {
 
 // Without a decoder a decode answers all zero whatever its size (and says why), while flush,
 // configuration bytes and destroy leave the result area alone and reset zeroes it. "Without a
-// decoder" is: before any setup, after destroy, and after a reset whose setup failed (Vorbis
-// cannot be opened again without its configuration bytes).
+// decoder" is: before any setup, after destroy, and after a reset whose setup failed (Vorbis and
+// VC-1 cannot be opened again without their configuration bytes).
 TEST_F(Requests, WithoutDecoder) {
     const Clip& vorbis = clip(
         "requests.ogg", "-f lavfi -i sine=sample_rate=44100 -ac 2 -t 0.5 -c:a libvorbis", false);
-    for (const std::string when : {"before init", "after destroy", "after failed reset"}) {
+    Clip vc1;  // a sequence header (176x144, other fields zero) and an entry point (all zero)
+    vc1.info.video = true, vc1.info.codec_name = "vc1", vc1.info.pix_fmt = 0;
+    vc1.info.extradata = {0, 0, 1, 0x0f, 0xc2, 0, 0x05, 0x70, 0x47, 0x08, 0, 0, 1, 0x0e, 0, 0};
+    for (const std::string when :
+         {"before init", "after destroy", "after reset", "after video reset"}) {
         SCOPED_TRACE(when);
+        const Clip& reopened = when == "after reset" ? vorbis : vc1;
         if (when == "after destroy") {
             ASSERT_TRUE(init(mp2()));
             ASSERT_EQ(c.destroy(kWaitMs), ClientError::kOk);
-        } else if (when == "after failed reset") {
-            ASSERT_TRUE(init(vorbis));
-            decode_until_output(vorbis);
-            ASSERT_EQ(c.write_reset_audio(1, 2, 44100), ClientError::kOk);
+        } else if (when != "before init") {
+            ASSERT_TRUE(init(reopened));
+            decode_until_output(reopened);
+            ASSERT_EQ(reopened.info.video ? c.write_reset_video(64, 48, 0)
+                                          : c.write_reset_audio(1, 2, 44100),
+                      ClientError::kOk);
             EXPECT_TRUE(same(call(), ExchangeResult{}));
-            EXPECT_TRUE(log_has(daemon.log(), "ERROR", "audio decoder open failed"));
+            EXPECT_TRUE(log_has(daemon.log(), "ERROR", "decoder open failed"));
         }
         const size_t said = daemon.count(kNoDecoder);
         // After a failed reset the decoder state is still there, so sizes are still checked.
-        const std::vector<int32_t> sizes = when == "after failed reset"
+        const std::vector<int32_t> sizes = when.find("reset") != std::string::npos
                                                ? std::vector<int32_t>{16}
                                                : std::vector<int32_t>{16, 0, -1};
         for (int32_t size : sizes) {

@@ -108,10 +108,6 @@ TEST(LogDeathTest, FatalAborts) {
     }
 }
 
-bool fd_open(int fd) {
-    return fcntl(fd, F_GETFD) != -1;
-}
-
 // The class's lines on standard error are verbatim, leftovers of the original included. What is
 // no region is refused; a region is mapped once, shared both ways, and released with its
 // descriptor, which is forgotten even when the release fails; one made through the device (a
@@ -139,7 +135,7 @@ TEST(AshMemory, MapsAndReleasesRegionsOnly) {
         memory._destroy();  // again: nothing left to release
         EXPECT_EQ(memory.mMemory, nullptr);
     }
-    EXPECT_FALSE(fd_open(plain) || fd_open(region));  // owned, and closed on release
+    EXPECT_EQ(fcntl(plain, F_GETFD) + fcntl(region, F_GETFD), -2);  // owned, closed on release
     {
         AshMemory memory(2 * 4096, device_path.c_str());
         auto* mapped = static_cast<char*>(memory.MapMemory());
