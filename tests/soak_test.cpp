@@ -1,9 +1,8 @@
 // Stress and soak: a session client and kClients decoder clients decoding real streams through the
 // real daemon, each client a process of its own so that it can be killed with SIGKILL in the
 // middle of a request. Clients also leave at random moments (with a request in flight, before
-// the handshake) or send garbage requests; new ones keep coming. At
-// the end the daemon must serve a new client and be back to its baseline of descriptors, threads
-// and resident memory.
+// the handshake) or send garbage requests; new ones keep coming. At the end the daemon must serve
+// a new client and be back to its baseline of descriptors, threads and resident memory.
 //
 // SVC_SOAK_SECONDS sets the duration (default 10, the suite's run); scripts/soak runs it longer.
 
