@@ -1,6 +1,7 @@
 /* Test hooks, preloaded into the daemon under test (LD_PRELOAD) and compiled into the ashmem test
- * program itself. The production binary is never changed for tests; these replacements stand in
- * for what a test machine lacks or what would hide the process from the test:
+ * program and the fuzz target. The production binary is never changed for tests; these
+ * replacements stand in for what a test machine lacks or what would hide the process from the
+ * test:
  *
  * - daemon(): neither forks nor touches the standard streams, so the test keeps the process as
  *   its child and reads its log. It records its arguments ("<nochdir> <noclose>\n") in the file
