@@ -10,6 +10,8 @@
 #include <cstring>
 #include <mutex>
 
+#include "base/system_log.h"
+
 namespace {
 
 constexpr size_t kLineSize = 512;
@@ -59,10 +61,9 @@ void SvcLogWrite(int level, const char* module, const char* file, int line, cons
     if (static_cast<unsigned>(level) > SVC_LOG_FATAL) {
         level = SVC_LOG_FATAL;
     }
-    if (discarding()) {
-        if (level == SVC_LOG_FATAL) {
-            abort();
-        }
+    // Warnings and errors are formatted for the system log even when the log itself is dropped.
+    const bool to_stream = !discarding();
+    if (!to_stream && level < SVC_LOG_WARN) {
         return;
     }
 
@@ -90,11 +91,15 @@ void SvcLogWrite(int level, const char* module, const char* file, int line, cons
         length = kLineSize;
     }
 
-    {
+    if (to_stream) {
         std::lock_guard<std::mutex> lock(log_mutex);
         FILE* out = current_stream();
         fwrite(buffer, 1, length, out);
         fflush(out);
+    }
+    if (level >= SVC_LOG_WARN) {
+        buffer[length - 1] = '\0';  // the newline, or the last byte of the cut mark
+        SvcSystemLogWrite(level, module, buffer + n);
     }
 
     if (level == SVC_LOG_FATAL) {

@@ -1,13 +1,16 @@
+#include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <system_error>
 
 #include "base/defer_action.h"
 #include "base/shm_guard.h"
+#include "base/system_log.h"
 #include "decoder/ffmpeg_protocol.h"
 #include "decoder/media_decoder_internal.h"
 
@@ -178,6 +181,8 @@ bool MediaDecoder::wait_for_request() {
 }
 
 void MediaDecoder::media_decoding_thread() {
+    SvcLogSetClient(client_number);
+    name_worker();
     for (;;) {
         if (quit.load() == 1) {
             return;
@@ -191,6 +196,7 @@ void MediaDecoder::media_decoding_thread() {
         if (!check_block_lost()) {
             dispatch(request_type);
             check_block_lost();
+            name_worker();
         }
 
         requests_done.fetch_add(1, std::memory_order_release);
@@ -224,6 +230,31 @@ void MediaDecoder::dispatch(uint32_t request_type) {
             LOGW("unknown client request type, stop further processing");
             quit.store(1);
             break;
+    }
+}
+
+// Names the worker after its client and its work, for top -H, ps -L and /proc/PID/task/*/comm:
+// "dec7" without a decoder, "dec7 h264 sw" or "dec7 h264 vdpau" (where the video decodes),
+// "dec3 aac". The kernel keeps 15 characters; the thread is renamed only when the name changes.
+void MediaDecoder::name_worker() {
+    const char* codec = nullptr;
+    const char* where = nullptr;
+    if (media_type == MEDIA_TYPE_VIDEO && video_ctx && video_ctx->sw_codec_ctx) {
+        codec = avcodec_get_name(video_ctx->sw_codec_ctx->codec_id);
+        where = video_ctx->hw_codec_ctx ? chosen_device_name() : "sw";
+    } else if (media_type == MEDIA_TYPE_AUDIO && audio_ctx && audio_ctx->codec_ctx) {
+        codec = avcodec_get_name(audio_ctx->codec_ctx->codec_id);
+    }
+    char name[sizeof(worker_name)];
+    if (codec == nullptr) {
+        snprintf(name, sizeof(name), "dec%d", client_number);
+    } else {
+        snprintf(name, sizeof(name), "dec%d %s%s%s", client_number, codec, where ? " " : "",
+                 where ? where : "");
+    }
+    if (strcmp(name, worker_name) != 0) {
+        memcpy(worker_name, name, sizeof(name));
+        pthread_setname_np(pthread_self(), name);
     }
 }
 

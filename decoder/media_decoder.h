@@ -72,6 +72,10 @@ class MediaDecoder {
     MediaDecoder& operator=(const MediaDecoder&) = delete;
     virtual ~MediaDecoder();
 
+    // The client's number (its connection's descriptor), which names the worker thread and the
+    // worker's system-log lines. Set before run().
+    void name_client(int client) { client_number = client; }
+
     // Starts the worker. False when the thread cannot be created (out of threads or memory):
     // the instance then has no worker and the client must be refused.
     bool run();
@@ -124,7 +128,11 @@ class MediaDecoder {
     bool wait_for_request();
     void dispatch(uint32_t request_type);
     bool check_block_lost();
+    void name_worker();
+    const char* chosen_device_name() const;
     int guard_slot = -1;
+    int client_number = -1;
+    char worker_name[16] = {};  // worker only: the name last given to its thread
 
     void media_decoding_thread();
     void init_codec();

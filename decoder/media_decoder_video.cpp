@@ -185,6 +185,15 @@ AVPixelFormat MediaDecoder::get_hw_format(AVCodecContext* ctx, const AVPixelForm
     return AV_PIX_FMT_NONE;
 }
 
+const char* MediaDecoder::chosen_device_name() const {
+    const AVCodecContext* ctx = video_ctx ? video_ctx->hw_codec_ctx.get() : nullptr;
+    if (ctx == nullptr || ctx->hw_device_ctx == nullptr) {
+        return "hw";
+    }
+    return device_type_name(
+        reinterpret_cast<const AVHWDeviceContext*>(ctx->hw_device_ctx->data)->type);
+}
+
 int MediaDecoder::decode_with(AVCodecContext* ctx) {
     if (hw_seam != nullptr && hw_seam->decode_context) {
         return hw_seam->decode_context(

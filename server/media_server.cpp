@@ -22,6 +22,7 @@
 
 #include "base/defer_action.h"
 #include "base/log.h"
+#include "base/system_log.h"
 #include "decoder/exchange_block.h"
 
 namespace {
@@ -409,6 +410,7 @@ std::unique_ptr<ev::io> MediaServer::take_pending(int fd) {
 
 void MediaServer::on_pending_io_event(ev::io& io, int revents) {
     const int fd = io.fd;
+    LogClientScope log_client(fd);
     LOGD("client io event: sock#[%d]", fd);
 
     auto& pending = listen_handle->pending_ios;
@@ -537,6 +539,7 @@ void MediaServer::register_decoder(ev::io& io, uint8_t client_type, const char* 
 
     // The decoder owns the descriptor from here on, whether or not it can map it.
     handle->decoder.reset(new MediaDecoder(handle->notify, shm_fd, is_ashmem));
+    handle->decoder->name_client(fd);
     if (!handle->decoder->valid) {
         LOGE("decoder instance create failed");
         return;
@@ -577,6 +580,7 @@ void MediaServer::session_handle_t::end_session() {
 }
 
 void MediaServer::session_handle_t::on_session_io_event(ev::io& watcher, int revents) {
+    LogClientScope log_client(watcher.fd);
     DeferAction session_end([this] { end_session(); });
 
     if (revents & EV_READ) {
@@ -679,6 +683,7 @@ void MediaServer::decoder_handle_t::decoder_gone() {
 }
 
 void MediaServer::decoder_handle_t::on_decoder_client_io_event(ev::io& io, int revents) {
+    LogClientScope log_client(io.fd);
     DeferAction gone([this] { decoder_gone(); });
 
     if (revents & EV_READ) {

@@ -1,5 +1,6 @@
 #include <unistd.h>
 
+#include "base/system_log.h"
 #include "service/runtime.h"
 
 int main() {
@@ -7,6 +8,8 @@ int main() {
     // running in the foreground.
     int daemonized = daemon(1, 0);
     (void)daemonized;
+    // Warnings and errors reach the journal; opened by the daemon itself, before anything runs.
+    SvcSystemLogOpen("media-service");
 
     Runtime runtime;
     runtime.run();

@@ -11,6 +11,8 @@
  *   every other descriptor, goes to the kernel unchanged.
  * - fallocate()/madvise(): with SVC_TEST_REFUSE_PAGE_RELEASE set, punching a hole and
  *   MADV_REMOVE fail with EPERM, as they do on a sealed object on some kernels and not on others.
+ * - syslog(): with SVC_TEST_SYSLOG set, each line goes to the file it names instead, as
+ *   "<priority> <text>\n", so that a test can read what the system log would have received.
  *
  * The file compiles as C and as C++. */
 
@@ -18,6 +20,7 @@
 #define _GNU_SOURCE
 #endif
 
+#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdarg.h>
@@ -115,6 +118,41 @@ int madvise(void* addr, size_t length, int advice) SVC_HOOK_NOTHROW {
         return -1;
     }
     return (int)syscall(SYS_madvise, addr, length, advice);
+}
+
+static void svc_hook_syslog(int priority, const char* format, va_list args) {
+    const char* path = getenv("SVC_TEST_SYSLOG");
+    if (path == NULL || path[0] == '\0') {
+        void (*real)(int, const char*, va_list) =
+            (void (*)(int, const char*, va_list))dlsym(RTLD_NEXT, "vsyslog");
+        if (real != NULL) {
+            real(priority, format, args);
+        }
+        return;
+    }
+    FILE* file = fopen(path, "a");
+    if (file != NULL) {
+        fprintf(file, "%d ", priority);
+        vfprintf(file, format, args);
+        fputc('\n', file);
+        fclose(file);
+    }
+}
+
+void syslog(int priority, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    svc_hook_syslog(priority, format, args);
+    va_end(args);
+}
+
+/* What a caller built with _FORTIFY_SOURCE calls instead. */
+void __syslog_chk(int priority, int flag, const char* format, ...) {
+    (void)flag;
+    va_list args;
+    va_start(args, format);
+    svc_hook_syslog(priority, format, args);
+    va_end(args);
 }
 
 #ifdef __cplusplus
