@@ -1,9 +1,12 @@
 // media-decode against the real daemon, which the tool starts itself in a private runtime
 // directory. The test process is a subreaper, so each daemon (orphaned by its own daemon() fork)
-// is reaped here once it stops with the tool's session client.
+// and each run's session keeper are reaped here once they end.
 
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <string>
 #include <tuple>
@@ -13,6 +16,7 @@
 
 #include "decoder/exchange_block.h"
 #include "support/support.h"
+#include "tools/service_link.h"
 
 namespace {
 
@@ -35,6 +39,45 @@ class Tools : public ::testing::Test {
         out = read_file(dir.path + "/out");
         err = read_file(dir.path + "/err");
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    // A run in the background, its standard output in `name` of the test's directory, or, when
+    // `name` is empty, in a pipe of which the run's end comes back in `*pipe_fd`: a run that
+    // writes pictures there stops once the pipe is full, until the test reads them.
+    pid_t start(const std::string& args, const std::string& name, int* pipe_fd = nullptr) {
+        int fds[2] = {-1, -1};
+        if (pipe_fd != nullptr && pipe2(fds, O_CLOEXEC) != 0) {
+            return -1;
+        }
+        const std::string out_to = name.empty() ? "" : " >" + dir.path + "/" + name;
+        const std::string command = "exec " MEDIA_DECODE_BIN " " + args + out_to + " 2>/dev/null";
+        const pid_t pid = fork();
+        if (pid == 0) {
+            if (pipe_fd != nullptr) {
+                dup2(fds[1], STDOUT_FILENO);
+            }
+            execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        if (pipe_fd != nullptr) {
+            close(fds[1]);
+            *pipe_fd = fds[0];
+        }
+        return pid;
+    }
+    // Everything a run writes to its pipe, up to its end.
+    std::string drain(int fd) {
+        std::string bytes;
+        char buffer[65536];
+        ssize_t n;
+        while ((n = read(fd, buffer, sizeof(buffer))) > 0) {
+            bytes.append(buffer, static_cast<size_t>(n));
+        }
+        close(fd);
+        return bytes;
+    }
+    int finish(pid_t pid) {
+        int status = 0;
+        return waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
     TempDir dir;
@@ -59,6 +102,52 @@ TEST_F(Tools, ServiceOutputEqualsInProcessDecoding) {
         EXPECT_EQ(run(socket + "--verify " + c), 0) << err;
         EXPECT_NE(err.find("answers equal in-process decoding"), std::string::npos) << err;
     }
+}
+
+// Runs share one service whatever the order in which they start and end, and the last one done
+// leaves nothing behind. A's run starts the service and stops, its pipe full; B's comes and goes;
+// C's starts and stops alike; A then ends while C waits; C then ends, both with every picture. Four
+// runs at once then share one fresh service. A service the test started itself is used and left
+// running, without a session.
+TEST_F(Tools, RunsShareOneServiceAndLeaveNoneBehind) {
+    const std::string path = dir.path + SOCKET_PATH_IN_RUNTIME_DIR;
+    ASSERT_EQ(run("--in-process -o - -q " + video.path), 0) << err;
+    const std::string pictures = out;
+    int a_out = -1, c_out = -1;
+    const pid_t a = start(socket + "-o - -q " + video.path, "", &a_out);
+    ASSERT_TRUE(wait_until(10000, [&] { return mediatools::listener_pid(path) > 0; }));
+    const pid_t service = mediatools::listener_pid(path);
+    ASSERT_EQ(run(socket + "-o - -q " + video.path), 0) << err;
+    EXPECT_EQ(out, pictures);
+    const pid_t c = start(socket + "-o - -q " + video.path, "", &c_out);
+    pollfd written{c_out, POLLIN, 0};
+    ASSERT_EQ(poll(&written, 1, 10000), 1) << "C's run has no service";
+    EXPECT_EQ(drain(a_out), pictures);
+    EXPECT_EQ(finish(a), 0);
+    EXPECT_EQ(mediatools::listener_pid(path), service);
+    EXPECT_EQ(drain(c_out), pictures);
+    EXPECT_EQ(finish(c), 0);
+    EXPECT_TRUE(wait_until(10000, [&] { return mediatools::listener_pid(path) < 0; }));
+
+    std::vector<pid_t> runs;
+    for (int i = 0; i < 4; ++i) {
+        runs.push_back(start(socket + "-o - -q " + video.path, "run" + std::to_string(i)));
+    }
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(finish(runs[i]), 0);
+        EXPECT_EQ(read_file(dir.path + "/run" + std::to_string(i)), pictures);
+    }
+    EXPECT_TRUE(wait_until(10000, [&] { return mediatools::listener_pid(path) < 0; }));
+
+    Daemon daemon;
+    ASSERT_TRUE(daemon.start());
+    EXPECT_EQ(run("--socket " + daemon.socket_path() + " -q " + video.path), 0) << err;
+    mediaclient::SessionClient session;
+    ASSERT_EQ(session.connect(daemon.socket_path()), mediaclient::ClientError::kOk);
+    ASSERT_EQ(session.start_answering(), mediaclient::ClientError::kOk);
+    ASSERT_TRUE(daemon.barrier());
+    EXPECT_EQ(daemon.count("client already registered"), 0u) << "a run registered a session";
+    EXPECT_TRUE(daemon.running());
 }
 
 TEST_F(Tools, ErrorsAreOneLineAndNonZero) {

@@ -27,6 +27,7 @@ extern "C" {
 #include "tools/hw_probe.h"
 #include "tools/local_decoder.h"
 #include "tools/media_file.h"
+#include "tools/service_lease.h"
 #include "tools/service_link.h"
 
 using namespace mediatools;
@@ -75,7 +76,8 @@ const char kUsage[] =
     "  --socket PATH      the service's socket (default: $XDG_RUNTIME_DIR/vessa/sockets/\n"
     "                     media-service.socket, or /run/user/<uid>/... without XDG_RUNTIME_DIR)\n"
     "  --no-start         do not start the service when nothing listens on the socket\n"
-    "  --no-session       do not register a session client (another one is registered)\n"
+    "  --no-session       start the service, when nothing listens, without a session client:\n"
+    "                     it then keeps running after the last run, until SIGTERM\n"
     "  --timeout SEC      longest wait for one answer (default: 20)\n"
     "\n"
     "Other:\n"
@@ -84,10 +86,10 @@ const char kUsage[] =
     "                     that would get a hardware decoder, then exit (also: media-probe)\n"
     "  -h, --help         this text\n"
     "\n"
-    "The service runs as long as its session client does. Unless --no-session is given, this\n"
-    "program registers as the session client, so a service that it registered with stops when\n"
-    "the program ends. A service started with --no-session keeps running until SIGTERM.\n"
-    "When the service already has a session client, the program goes on without one.\n"
+    "Runs share one service. A run that finds the service running uses it and leaves it\n"
+    "alone. A run that finds none starts one, with a small process as its session client that\n"
+    "ends the service once no run uses it any more; runs started meanwhile, in any order,\n"
+    "share it (they meet in a lock file beside the socket, <socket>.lock).\n"
     "\n"
     "The service may decode on a hardware device (see --probe); --verify compares with software\n"
     "decoding and may then report differences that are not faults.\n"
@@ -422,7 +424,7 @@ struct Setup {
 
 struct Service {
     std::string socket_path;
-    mediaclient::SessionClient session;
+    ServiceLease lease;
     mediaclient::DecoderClient client;
 };
 
@@ -488,25 +490,12 @@ Setup output_format(const Options& opt, const StreamInfo& info) {
                  audio_init_params(info, sample_fmt, channels, rate)};
 }
 
-// Starts the service when nothing listens on the socket, then registers the session client
-// (unless --no-session) and a decoder client.
+// Takes a lease on the service, starting it when nothing listens on the socket, then registers
+// a decoder client.
 void connect_service(const Options& opt, Service* s) {
     std::string error;
-    if (!service_listening(s->socket_path)) {
-        if (opt.no_start) {
-            fail(kExitError, "the service is not running: nothing listens on %s",
-                 s->socket_path.c_str());
-        }
-        if (!start_service(s->socket_path, "", 5000, &error)) {
-            fail(kExitError, "%s", error.c_str());
-        }
-    }
-    if (!opt.no_session) {
-        if (s->session.connect(s->socket_path) != mediaclient::ClientError::kOk ||
-            s->session.start_answering() != mediaclient::ClientError::kOk) {
-            fail(kExitError, "cannot register the session client at %s: %s", s->socket_path.c_str(),
-                 strerror(s->session.last_errno()));
-        }
+    if (!s->lease.acquire(s->socket_path, !opt.no_start, opt.no_session, &error)) {
+        fail(kExitError, "%s", error.c_str());
     }
     const mediaclient::ClientError e = s->client.connect_posix(s->socket_path);
     if (e != mediaclient::ClientError::kOk) {
@@ -534,11 +523,11 @@ void set_up_service(const Options& opt, const Input& input, const Setup& setup, 
     }
     ExchangeResult result{};
     mediaclient::ClientError e = mediaclient::ClientError::kOk;
-    // A service that is stopping (its session client just ended) still takes connections into its
-    // backlog and then drops them; one more try finds it gone and starts a new one.
+    // A service that is stopping (the session of a service we did not start just ended) still
+    // takes connections into its backlog and then drops them; one more try finds it gone and
+    // starts a new one.
     for (int attempt = 0; attempt < 2; ++attempt) {
         if (attempt > 0) {
-            s->session.close();
             s->client.close();
             usleep(300 * 1000);
         }
@@ -559,17 +548,6 @@ void set_up_service(const Options& opt, const Input& input, const Setup& setup, 
     if (result.status != STATUS_OK) {
         fail(kExitError, "the service could not set up the %s decoder (status %d)", codec,
              result.status);
-    }
-    // A second session client is refused by closing its connection; by now the service has
-    // handled our session registration, which came first.
-    if (!opt.no_session &&
-        (s->session.disconnected() || mediaclient::wait_closed(s->session.fd(), 50))) {
-        s->session.close();
-        if (!opt.quiet) {
-            fprintf(stderr,
-                    "media-decode: the service already has a session client; going on without "
-                    "one\n");
-        }
     }
 }
 

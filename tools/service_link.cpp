@@ -39,7 +39,13 @@ void sleep_ms(int ms) {
     }
 }
 
-// mkdir -p; existing components are left as they are.
+bool ends_with(const std::string& s, const std::string& suffix) {
+    return s.size() >= suffix.size() &&
+           s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+}  // namespace
+
 bool make_dirs(const std::string& dir) {
     for (size_t pos = 1; pos <= dir.size(); ++pos) {
         if (pos == dir.size() || dir[pos] == '/') {
@@ -51,13 +57,6 @@ bool make_dirs(const std::string& dir) {
     }
     return true;
 }
-
-bool ends_with(const std::string& s, const std::string& suffix) {
-    return s.size() >= suffix.size() &&
-           s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
-}  // namespace
 
 std::string find_service_binary() {
     char self[PATH_MAX] = {};
@@ -201,12 +200,29 @@ pid_t peer_pid(int fd) {
     return cred.pid;
 }
 
+pid_t listener_pid(const std::string& socket_path) {
+    const int fd = mediaclient::connect_service(socket_path);
+    if (fd < 0) {
+        return -1;
+    }
+    const pid_t pid = peer_pid(fd);
+    close(fd);
+    return pid;
+}
+
 bool stop_process(pid_t pid, int timeout_ms) {
     if (pid <= 0) {
         return false;
     }
     if (kill(pid, SIGTERM) < 0) {
         return errno == ESRCH;
+    }
+    return wait_process_gone(pid, timeout_ms);
+}
+
+bool wait_process_gone(pid_t pid, int timeout_ms) {
+    if (pid <= 0) {
+        return false;
     }
     for (int waited = 0; waited <= timeout_ms; waited += 10) {
         // Our own child would linger as a zombie; reap it if it is one.

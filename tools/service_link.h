@@ -22,12 +22,21 @@ bool service_listening(const std::string& socket_path);
 bool start_service(const std::string& socket_path, const std::string& binary, int timeout_ms,
                    std::string* error);
 
+// mkdir -p, with mode 0700 for what it creates.
+bool make_dirs(const std::string& dir);
+
 // The process at the other end of a connected local socket (SO_PEERCRED): for a client
 // connection to the service, the service itself. -1 when unknown.
 pid_t peer_pid(int fd);
 
-// Sends SIGTERM to `pid` and waits up to `timeout_ms` for it to end. The service is not our
-// child (it daemonises), so its end is seen with kill(pid, 0).
+// The process listening on `socket_path`, -1 when nothing does.
+pid_t listener_pid(const std::string& socket_path);
+
+// Waits up to `timeout_ms` for `pid` to end. The service is not our child (it daemonises), so its
+// end is seen with kill(pid, 0) and its state in /proc.
+bool wait_process_gone(pid_t pid, int timeout_ms);
+
+// Sends SIGTERM to `pid` and waits up to `timeout_ms` for it to end.
 bool stop_process(pid_t pid, int timeout_ms);
 
 }  // namespace mediatools

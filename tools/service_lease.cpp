@@ -1,0 +1,163 @@
+#include "tools/service_lease.h"
+
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "client/media_client.h"
+#include "tools/service_link.h"
+
+namespace mediatools {
+
+namespace {
+
+constexpr off_t kStartByte = 0;
+constexpr off_t kLeaseByte = 1;
+constexpr int kServiceStartMs = 5000;
+// How long the keeper waits for its service to exit after ending the session.
+constexpr int kServiceExitMs = 10000;
+
+// An open file description lock on one byte: F_RDLCK, F_WRLCK (both waited for) or F_UNLCK.
+bool lock_byte(int fd, short type, off_t byte) {
+    struct flock lock = {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = byte;
+    lock.l_len = 1;
+    int ret;
+    do {
+        ret = fcntl(fd, type == F_UNLCK ? F_OFD_SETLK : F_OFD_SETLKW, &lock);
+    } while (ret < 0 && errno == EINTR);
+    return ret == 0;
+}
+
+// Nothing of the run may stay open in the keeper: a descriptor of the run's lock file would keep
+// the run's lease alive, and its standard streams would keep whoever reads them waiting.
+void detach_from_run(int keep) {
+    const int null_fd = open("/dev/null", O_RDWR);
+    for (int fd = 0; fd < 3; ++fd) {
+        dup2(null_fd, fd);
+    }
+    // The kernel's call by number: glibc before 2.34 does not name close_range.
+    if (syscall(__NR_close_range, 3, keep - 1, 0) < 0 ||
+        syscall(__NR_close_range, keep + 1, ~0U, 0) < 0) {
+        for (int fd = 3; fd < 1024; ++fd) {
+            if (fd != keep) {
+                close(fd);
+            }
+        }
+    }
+}
+
+// The keeper: the service's session client until the last lease is gone; then it ends the
+// session, which stops the service, and waits for the service to exit. Reports 'y' on `report`
+// once it is the session client, or closes it without a word when it could not become one.
+[[noreturn]] void run_keeper(const std::string& socket_path, const std::string& lock_path,
+                             int report) {
+    detach_from_run(report);
+    UniqueFd lock(open(lock_path.c_str(), O_RDWR | O_CLOEXEC));
+    mediaclient::SessionClient session;
+    if (!lock.valid() || session.connect(socket_path) != mediaclient::ClientError::kOk ||
+        session.start_answering() != mediaclient::ClientError::kOk ||
+        mediaclient::wait_closed(session.fd(), 100)) {  // refused: the service has a session
+        _exit(1);
+    }
+    const pid_t service = peer_pid(session.fd());
+    const char registered = 'y';
+    ssize_t written = write(report, &registered, 1);
+    (void)written;
+    close(report);
+    lock_byte(lock.get(), F_WRLCK, kLeaseByte);
+    session.close();
+    wait_process_gone(service, kServiceExitMs);
+    _exit(0);
+}
+
+// Starts the keeper in a session of its own, as nobody's child here, and waits until it is the
+// service's session client.
+bool spawn_keeper(const std::string& socket_path, const std::string& lock_path,
+                  std::string* error) {
+    int report[2];
+    if (pipe2(report, O_CLOEXEC) < 0) {
+        *error = std::string("pipe: ") + strerror(errno);
+        return false;
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        setsid();
+        if (fork() == 0) {
+            close(report[0]);
+            run_keeper(socket_path, lock_path, report[1]);
+        }
+        _exit(0);
+    }
+    close(report[1]);
+    UniqueFd reader(report[0]);
+    if (child < 0) {
+        *error = std::string("fork: ") + strerror(errno);
+        return false;
+    }
+    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+    }
+    char registered = 0;
+    ssize_t n;
+    do {
+        n = read(reader.get(), &registered, 1);
+    } while (n < 0 && errno == EINTR);
+    if (n != 1) {
+        *error = "started the service at " + socket_path + " but could not become its session";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool ServiceLease::acquire(const std::string& socket_path, bool may_start, bool keep_running,
+                           std::string* error) {
+    const std::string lock_path = socket_path + ".lock";
+    const std::string dir = socket_path.substr(0, socket_path.rfind('/'));
+    if (!lock_.valid()) {
+        if (may_start && !make_dirs(dir)) {
+            *error = "cannot create " + dir + ": " + strerror(errno);
+            return false;
+        }
+        lock_.reset(open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    }
+    if (!lock_.valid()) {
+        if (!may_start && service_listening(socket_path)) {
+            return true;  // a service to use, though runs cannot meet here
+        }
+        *error = may_start ? "cannot open " + lock_path + ": " + strerror(errno)
+                           : "the service is not running: nothing listens on " + socket_path;
+        return false;
+    }
+    if (!lock_byte(lock_.get(), F_WRLCK, kStartByte) ||
+        !lock_byte(lock_.get(), F_RDLCK, kLeaseByte)) {
+        *error = "cannot lock " + lock_path + ": " + strerror(errno);
+        return false;
+    }
+    bool ok = true;
+    if (!service_listening(socket_path)) {
+        if (!may_start) {
+            *error = "the service is not running: nothing listens on " + socket_path;
+            ok = false;
+        } else {
+            ok = start_service(socket_path, "", kServiceStartMs, error);
+            if (ok && !keep_running && !spawn_keeper(socket_path, lock_path, error)) {
+                // Without its keeper the service would outlive every run.
+                stop_process(listener_pid(socket_path), kServiceExitMs);
+                ok = false;
+            }
+            started_ = ok;
+        }
+    }
+    lock_byte(lock_.get(), F_UNLCK, kStartByte);
+    return ok;
+}
+
+}  // namespace mediatools
