@@ -15,6 +15,7 @@
 #include <climits>
 #include <cstring>
 #include <memory>
+#include <regex>
 #include <set>
 #include <string>
 #include <utility>
@@ -51,6 +52,7 @@ const Clip& h264() {
 class Requests : public ::testing::Test {
   public:
     void SetUp() override {
+        daemon.options().env["SVC_TEST_SYSLOG"] = daemon_syslog.path + "/syslog";
         ASSERT_TRUE(daemon.start());
         ASSERT_EQ(c.connect_posix(daemon.socket_path()), ClientError::kOk);
     }
@@ -111,6 +113,7 @@ class Requests : public ::testing::Test {
         return other;
     }
 
+    TempDir daemon_syslog;  // what the daemon sends to the system log
     Daemon daemon;
     DecoderClient c;
 };
@@ -392,6 +395,18 @@ TEST_F(Requests, SizeLimits) {
         c.write_init_video(v.codec_index(), mediatools::video_init_params(v.info, 8, 8, 0)),
         REQ_PARAM_OFFSET + 3 * sizeof(int32_t), area + 1);
     EXPECT_EQ(r.status, STATUS_FAILED);
+
+    // The errors reach the system log too, naming the client: a burst of five of its lines, then
+    // one every ten seconds, so that a client cannot flood it.
+    std::smatch client;
+    const std::string log = daemon.log();
+    ASSERT_TRUE(std::regex_search(log, client, std::regex("client connect: sock#\\[(\\d+)\\]")));
+    const std::string system_log = read_file(daemon_syslog.path + "/syslog");
+    EXPECT_EQ(occurrences(system_log, "3 [media decoder] client " + client[1].str() +
+                                          ": wrong packet size passed\n"),
+              5u)
+        << system_log;
+    EXPECT_EQ(occurrences(system_log, "\n"), 5u) << system_log;
 }
 
 // These are answered (the result area as it was) and end the worker: later doorbells are read but

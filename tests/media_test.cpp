@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <climits>
+#include <memory>
 #include <random>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -88,6 +90,7 @@ class Video : public ::testing::Test {
         return r;
     }
 
+    std::unique_ptr<VirtualDisplay> display;  // outlives the daemon, whose device uses it
     Daemon daemon;
     DecoderClient c;
     LocalVideoDecoder model;
@@ -149,18 +152,29 @@ INSTANTIATE_TEST_SUITE_P(Codecs, VideoCodec, ::testing::ValuesIn(kVideoRows),
 
 // A reset mid-stream keeps the codec and coded format and takes the new output. Output pixel
 // formats beyond FFmpeg 4's enumeration (187 formats), negative ones included, mean yuv420p.
+// The worker is named after its client (the connection's number in the service) and its work.
 TEST_F(Video, ResetAndOutputFormats) {
     const Clip& s = clip_of(kVideoRows[1]);
+    std::smatch client;
+    const std::string log = daemon.log();
+    ASSERT_TRUE(std::regex_search(log, client, std::regex("client connect: sock#\\[(\\d+)\\]")));
+    const std::vector<std::string> named = {"dec" + client[1].str()};
+    const std::vector<std::string> h264 = {named[0] + " h264 sw"};
+    EXPECT_EQ(worker_names(daemon.pid()), named);
     ASSERT_NO_FATAL_FAILURE(init(s, 352, 288, AV_PIX_FMT_RGBA));
+    EXPECT_EQ(worker_names(daemon.pid()), h264);
     for (size_t i = 0; i < 6; ++i) {
         decode(s, i);
     }
     ASSERT_EQ(c.reset_video(90, 70, AV_PIX_FMT_GRAY8, kWaitMs), ClientError::kOk);
     EXPECT_EQ(c.result().status, STATUS_OK);
+    EXPECT_EQ(worker_names(daemon.pid()), h264);
     ASSERT_TRUE(model.reset(90, 70, AV_PIX_FMT_GRAY8));
     for (size_t i = 6; i < s.packets.size(); ++i) {
         decode(s, i);
     }
+    ASSERT_EQ(c.destroy(kWaitMs), ClientError::kOk);
+    EXPECT_EQ(worker_names(daemon.pid()), named);
 
     for (int asked : {186, 187, 1000, INT_MIN, -1, int(AV_PIX_FMT_RGB24), int(AV_PIX_FMT_PAL8)}) {
         ASSERT_NO_FATAL_FAILURE(init(s, 64, 48, asked));
@@ -169,6 +183,47 @@ TEST_F(Video, ResetAndOutputFormats) {
         // No conversion makes pal8.
         EXPECT_EQ(decode(s, 0).output_size, taken == AV_PIX_FMT_PAL8 ? 0 : uint32_t(size)) << asked;
     }
+}
+
+// The real VDPAU stack of a host without a GPU: Xvfb and the VA-API/OpenGL driver. The device
+// opens, so the setup makes a VDPAU candidate; FFmpeg offers its surface format with every packet
+// and then fails to initialise the hardware decoder, and the software context decodes: every
+// answer equals software decoding. The device and its X connection are released by the reset,
+// the destroy request and the teardown, which the sanitizer builds check at the daemon's exit.
+// CI installs the stack and requires it (SVC_REQUIRE_VDPAU=1); elsewhere the test may skip.
+class Vdpau : public Video {
+  protected:
+    void SetUp() override {
+        if (!have_virtual_vdpau() || host_has_hw_device()) {
+            ASSERT_EQ(getenv("SVC_REQUIRE_VDPAU"), nullptr) << "no Xvfb or VDPAU va_gl driver";
+            GTEST_SKIP() << "no Xvfb or VDPAU va_gl driver, or a real device here";
+        }
+        display.reset(new VirtualDisplay());
+        ASSERT_FALSE(display->name().empty()) << "Xvfb did not start";
+        daemon.options().env["DISPLAY"] = display->name();
+        daemon.options().env["VDPAU_DRIVER"] = "va_gl";
+        Video::SetUp();
+    }
+};
+
+TEST_F(Vdpau, TheDeviceIsTriedAndSoftwareDecodes) {
+    const Clip& s = clip_of(kVideoRows[0]);
+    ASSERT_NO_FATAL_FAILURE(init(s, 176, 144, AV_PIX_FMT_YUV420P));
+    EXPECT_EQ(daemon.count("hw pix fmt: vdpau"), 1u);
+    EXPECT_EQ(daemon.count("failed to create specified HW device"), 2u) << "cuda and vaapi only";
+    for (size_t i = 0; i < s.packets.size(); ++i) {
+        EXPECT_NE(decode(s, i).status, STATUS_FAILED) << "packet " << i;
+    }
+    EXPECT_EQ(daemon.count("get_hw_format: vdpau"), s.packets.size());
+    ASSERT_EQ(c.reset_video(88, 72, AV_PIX_FMT_RGBA, kWaitMs), ClientError::kOk);
+    ASSERT_TRUE(model.reset(88, 72, AV_PIX_FMT_RGBA));
+    EXPECT_EQ(daemon.count("hw pix fmt: vdpau"), 2u);
+    for (size_t i = 0; i < s.packets.size(); ++i) {
+        decode(s, i);
+    }
+    ASSERT_EQ(c.destroy(kWaitMs), ClientError::kOk);
+    ASSERT_NO_FATAL_FAILURE(init(s, 176, 144, AV_PIX_FMT_NV12));
+    decode(s, 0);
 }
 
 const std::string kStereo44k =
@@ -304,6 +359,8 @@ TEST_F(Audio, OutputSizeAndTimestampOfOneFrame) {
     const ExchangeResult r = decode(s.packets[0].data, 1000);
     EXPECT_EQ(r.output_size, 4096u);
     EXPECT_EQ(r.output_pts, 24219);
+    ASSERT_EQ(worker_names(daemon.pid()).size(), 1u);
+    EXPECT_TRUE(std::regex_match(worker_names(daemon.pid())[0], std::regex("dec\\d+ aac")));
     EXPECT_TRUE(log_has(daemon.log(), "DEBUG", "audio frames: 1024, frame size: 4096, pts: 24219"));
     EXPECT_EQ(decode(s.packets[1].data, INT64_MAX - 5).output_pts, INT64_MIN + 23219 - 6);
 }

@@ -40,11 +40,6 @@ mode_t socket_mode(const std::string& path) {
     return lstat(path.c_str(), &st) == 0 && S_ISSOCK(st.st_mode) ? st.st_mode & 07777 : 0;
 }
 
-pid_t listener(const std::string& path) {
-    UniqueFd fd(connect_service(path));
-    return fd.valid() ? mediatools::peer_pid(fd.get()) : -1;
-}
-
 void make_dirs(const std::string& path) {
     ASSERT_EQ(system(("mkdir -p '" + path + "'").c_str()), 0);
 }
@@ -75,7 +70,7 @@ TEST(Listen, LongPathsAreCut) {
             EXPECT_NE(lstat(path.c_str(), &st), 0) << "the cut path's stale file stays";
         } else {  // bound to the first 107 bytes: created under the umask there, never chmod'ed
             EXPECT_EQ(socket_mode(path.substr(0, 107)), 0755u);
-            EXPECT_EQ(listener(path.substr(0, 107)), daemon.pid());
+            EXPECT_EQ(mediatools::listener_pid(path.substr(0, 107)), daemon.pid());
         }
     }
 }
@@ -106,7 +101,7 @@ TEST(Listen, RunUserDirAndMissingSocketDir) {
         Daemon daemon(options);
         EXPECT_EQ(daemon.socket_path(), user_dir + SOCKET_PATH_IN_RUNTIME_DIR);
         ASSERT_TRUE(daemon.start());
-        EXPECT_EQ(listener(daemon.socket_path()), daemon.pid());
+        EXPECT_EQ(mediatools::listener_pid(daemon.socket_path()), daemon.pid());
     }
     EXPECT_TRUE(remove_tree(user_dir + "/vessa"));
 }
@@ -274,7 +269,12 @@ TEST_P(Teardown, ClosesEveryConnectionAfterItsWorker) {
     EXPECT_EQ(socket_mode(daemon.socket_path()), 0777u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Stops, Teardown, ::testing::Values(SIGTERM, SIGINT, 0));
+INSTANTIATE_TEST_SUITE_P(Stops, Teardown, ::testing::Values(SIGTERM, SIGINT, 0),
+                         [](const ::testing::TestParamInfo<int>& info) {
+                             return std::string(info.param == SIGTERM  ? "Sigterm"
+                                                : info.param == SIGINT ? "Sigint"
+                                                                       : "SessionEnds");
+                         });
 
 constexpr const char* kBlockLost = "shared memory block lost, dropping decoder client";
 
@@ -346,7 +346,10 @@ TEST_P(Shrink, TheClientIsDropped) {
     EXPECT_EQ(proc_stat(daemon.pid()).threads, before.threads);
 }
 
-INSTANTIATE_TEST_SUITE_P(ClientTypes, Shrink, ::testing::Values(false, true));
+INSTANTIATE_TEST_SUITE_P(ClientTypes, Shrink, ::testing::Values(false, true),
+                         [](const ::testing::TestParamInfo<bool>& info) {
+                             return std::string(info.param ? "Posix" : "Ashmem");
+                         });
 
 // The daemon under exhaustion: with room for a client's block mapping but not for a thread stack
 // (the address space limit just above what a fresh daemon, with no cached thread stack, uses plus

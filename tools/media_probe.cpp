@@ -23,7 +23,14 @@ int main(int argc, char** argv) {
                 "process,\n"
                 "with the FFmpeg libraries the service links; the service need not run. Run it as "
                 "the user\n"
-                "the service runs as: device access depends on permissions.\n");
+                "the service runs as: device access depends on permissions.\n"
+                "\n"
+                "To see what a running service decodes where, look at its threads (top -H,\n"
+                "ps -L, /proc/PID/task/*/comm): each decoder client's worker is named after\n"
+                "the client (its connection's number in the service log, \"client connect:\n"
+                "sock#[N]\") and its work: \"decN\" without a decoder, \"decN h264 sw\" decoding\n"
+                "in software, \"decN h264 vaapi\" on a device, \"decN aac\" for audio (15\n"
+                "characters at most).\n");
             return 0;
         }
         fprintf(stderr, "media-probe: unknown argument %s (see --help)\n", argv[i]);

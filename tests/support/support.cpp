@@ -1,6 +1,8 @@
 #include "support/support.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -19,6 +21,7 @@
 #include <gtest/gtest.h>
 
 #include "decoder/exchange_block.h"
+#include "tools/service_link.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -118,8 +121,10 @@ bool Daemon::start() {
     mkdir((runtime_dir_ + "/vessa/sockets").c_str(), 0700);
     // Everything the child needs is made here: between fork and exec only async-signal-safe
     // calls are allowed, since other threads of the test may hold locks.
-    std::map<std::string, std::string> env{{"XDG_RUNTIME_DIR", runtime_dir_},
-                                           {"LD_PRELOAD", SVC_TESTHOOKS_LIB}};
+    std::map<std::string, std::string> env{
+        {"XDG_RUNTIME_DIR", runtime_dir_},
+        {"LD_PRELOAD", SVC_TESTHOOKS_LIB},
+        {"LSAN_OPTIONS", "suppressions=" SVC_LSAN_SUPPRESSIONS}};
     for (const auto& kv : options_.env) {
         env[kv.first] = kv.second;
     }
@@ -159,11 +164,75 @@ bool Daemon::start() {
     close(log_fd);
     close(null_fd);
     pid_ = child;
-    return child > 0 && wait_log("starting media service...", 1, kStartTimeoutMs) && running();
+    if (child <= 0) {
+        return false;
+    }
+    // Without its log (a long soak) the daemon is up once it answers on its socket.
+    const bool up = options_.log ? wait_log("starting media service...", 1, kStartTimeoutMs)
+                                 : wait_until(kStartTimeoutMs, [this] {
+                                       return mediatools::listener_pid(socket_path()) == pid_;
+                                   });
+    return up && running();
 }
 
 std::string Daemon::log() const {
     return read_file(runtime_dir_ + "/daemon.log");
+}
+
+std::vector<std::string> worker_names(pid_t pid) {
+    std::vector<std::string> names;
+    const std::string task = "/proc/" + std::to_string(pid) + "/task";
+    DIR* dir = opendir(task.c_str());
+    for (dirent* e = dir ? readdir(dir) : nullptr; e != nullptr; e = readdir(dir)) {
+        if (e->d_name[0] != '.' && atoi(e->d_name) != pid) {
+            std::string name = read_file(task + "/" + e->d_name + "/comm");
+            names.push_back(name.substr(0, name.find('\n')));
+        }
+    }
+    if (dir != nullptr) {
+        closedir(dir);
+    }
+    return names;
+}
+
+VirtualDisplay::VirtualDisplay() {
+    int report[2];
+    if (pipe2(report, O_CLOEXEC) != 0) {
+        return;
+    }
+    const std::string fd = std::to_string(report[1]);
+    const pid_t child = fork();
+    if (child == 0) {
+        const int null_fd = open("/dev/null", O_RDWR);
+        dup2(null_fd, STDIN_FILENO);
+        dup2(null_fd, STDOUT_FILENO);
+        dup2(null_fd, STDERR_FILENO);
+        fcntl(report[1], F_SETFD, 0);  // Xvfb writes its display number there
+        execlp("Xvfb", "Xvfb", "-displayfd", fd.c_str(), "-nolisten", "tcp", "-screen", "0",
+               "320x240x24", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    close(report[1]);
+    pid_ = child;
+    pollfd ready{report[0], POLLIN, 0};
+    char number[16] = {};
+    if (child > 0 && poll(&ready, 1, 10000) == 1 && read(report[0], number, 15) > 0) {
+        name_ = ":" + std::string(number, strcspn(number, "\n"));
+    }
+    close(report[0]);
+}
+
+VirtualDisplay::~VirtualDisplay() {
+    if (pid_ > 0) {
+        kill(pid_, SIGTERM);
+        waitpid(pid_, nullptr, 0);
+    }
+}
+
+bool have_virtual_vdpau() {
+    return system(
+               "command -v Xvfb >/dev/null && ls /usr/lib/*/vdpau/libvdpau_va_gl.so.1 "
+               ">/dev/null 2>&1") == 0;
 }
 
 size_t occurrences(const std::string& text, const std::string& needle) {

@@ -49,6 +49,8 @@ class Daemon {
     Daemon& operator=(const Daemon&) = delete;
     ~Daemon();
 
+    // What the daemon will be started with; change it before start().
+    Options& options() { return options_; }
     // Starts it and waits until its loop runs.
     bool start();
     pid_t pid() const { return pid_; }
@@ -73,6 +75,27 @@ class Daemon {
     std::string runtime_dir_;
 };
 
+// The names of a process's threads other than its main thread (/proc/PID/task/*/comm).
+std::vector<std::string> worker_names(pid_t pid);
+
+// An X server of the test's own (Xvfb, on a display number it picks), for the VDPAU stack that
+// runs without a GPU: libvdpau with the VA-API/OpenGL driver. Stopped on destruction.
+class VirtualDisplay {
+  public:
+    VirtualDisplay();
+    VirtualDisplay(const VirtualDisplay&) = delete;
+    VirtualDisplay& operator=(const VirtualDisplay&) = delete;
+    ~VirtualDisplay();
+    // ":N", or empty when Xvfb could not be started.
+    const std::string& name() const { return name_; }
+
+  private:
+    pid_t pid_ = -1;
+    std::string name_;
+};
+// Whether this host has Xvfb and the VDPAU driver that works without a GPU (va_gl).
+bool have_virtual_vdpau();
+
 size_t occurrences(const std::string& text, const std::string& needle);
 // Whether the log has a line of `level` ("DEBUG", "INFO", "WARN", "ERROR") holding `text`.
 bool log_has(const std::string& log, const std::string& level, const std::string& text);
@@ -95,7 +118,14 @@ struct Clip : mediatools::Stream {
     std::string path;
     uint32_t codec_index() const;
 };
-const Clip& clip(const std::string& file, const std::string& args, bool video = true);
+// The clip lives as long as the test program, whatever its arguments were: GCC 14 would otherwise
+// take a reference to it for one into the temporary strings passed.
+#if defined(__has_cpp_attribute) && __has_cpp_attribute(gnu::no_dangling)
+#define SVC_LIVES_ON [[gnu::no_dangling]]
+#else
+#define SVC_LIVES_ON
+#endif
+SVC_LIVES_ON const Clip& clip(const std::string& file, const std::string& args, bool video = true);
 
 // Sets the client's decoder up for the clip, with its configuration bytes unless `config` is false:
 // video output `a`x`b` in pixel format `f`, or audio in sample format `a`, `b` channels at `f` Hz.
