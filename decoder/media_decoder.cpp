@@ -1,3 +1,4 @@
+#include <malloc.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -126,6 +127,16 @@ MediaDecoder::~MediaDecoder() {
     } else if (block != nullptr && block != MAP_FAILED) {
         munmap(block, SHM_BLOCK_SIZE);
     }
+    // The decoder's state goes now, in the order of the members' destruction, so that what the
+    // allocator keeps of it can be given back to the system: once per departed client, so that the
+    // service's resident memory follows what its clients hold.
+    audio_ctx.reset();
+    video_ctx.reset();
+    packet.reset();
+    frame.reset();
+    malloc_trim(0);
+    LOGD("the decoder held at most %lld KiB of the memory budget",
+         static_cast<long long>(account.peak() >> 10));
 }
 
 bool MediaDecoder::run() {
@@ -337,6 +348,12 @@ void MediaDecoder::decode_frame() {
         write_failure();
         return;
     }
+    // FFmpeg copies the packet, and a parser may keep a second copy while it decodes.
+    MemoryCharge packet_charge(&account);
+    if (!packet_charge.set(2 * int64_t{pkt->size} + AV_INPUT_BUFFER_PADDING_SIZE, "packet")) {
+        write_failure();
+        return;
+    }
 
     if (media_type == MEDIA_TYPE_VIDEO) {
         decode_video_branch();
@@ -398,7 +415,9 @@ void MediaDecoder::codec_config() {
         return;
     }
     if (media_type == MEDIA_TYPE_VIDEO) {
-        if (video_ctx) {
+        if (video_ctx &&
+            charge_config(video_ctx->setup_charge, size,
+                          (video_ctx->sw_codec_ctx ? 1 : 0) + (video_ctx->hw_codec_ctx ? 1 : 0))) {
             if (video_ctx->sw_codec_ctx) {
                 append_extradata(video_ctx->sw_codec_ctx.get(), size);
             }
@@ -407,10 +426,16 @@ void MediaDecoder::codec_config() {
             }
         }
     } else if (media_type == MEDIA_TYPE_AUDIO) {
-        if (audio_ctx && audio_ctx->codec_ctx) {
+        if (audio_ctx && audio_ctx->codec_ctx && charge_config(audio_ctx->setup_charge, size, 1)) {
             append_extradata(audio_ctx->codec_ctx.get(), size);
         }
     }
+}
+
+// Configuration bytes appended to `contexts` contexts, charged before they are copied; a size
+// beyond the input area is left to append_extradata to refuse.
+bool MediaDecoder::charge_config(MemoryCharge& charge, int32_t size, int contexts) {
+    return !area_size_ok(size) || charge.add(int64_t{size} * contexts, "configuration bytes");
 }
 
 // Rebuilds the decoder of the media type in use for a new output, with the codec and the input

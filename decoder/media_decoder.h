@@ -17,6 +17,8 @@
 #include "base/unique_fd.h"
 #include "decoder/exchange_block.h"
 #include "decoder/ffmpeg_compat.h"
+#include "decoder/memory_budget.h"
+#include "decoder/picture_ledger.h"
 
 // The service side of one decoder client: maps the client's exchange block and serves its
 // requests on a worker thread of its own.
@@ -28,9 +30,16 @@ class MediaDecoder {
     struct hw_user_data_t {
         int32_t hw_pix_fmt = AV_PIX_FMT_NONE;
         AVBufferRef* hw_device_ctx = nullptr;
+        // The device's picture pool, charged when the decoder asks for its surfaces and given back
+        // when a trial on the candidate fails or the context goes.
+        MemoryCharge pictures;
     };
 
+    // Members are destroyed in reverse order: the contexts before their ledger and the charges.
     struct video_context_t {
+        MemoryCharge setup_charge;       // contexts' tables, devices, configuration bytes
+        MemoryCharge conversion_charge;  // the scaler and what a picture's conversion writes
+        std::shared_ptr<PictureLedger> sw_ledger;
         av_ptr<AVCodecContext> sw_codec_ctx;
         av_ptr<AVCodecContext> hw_codec_ctx;
         std::vector<av_ptr<AVCodecContext>> hw_codec_candidates;
@@ -45,6 +54,9 @@ class MediaDecoder {
     };
 
     struct audio_context_t {
+        MemoryCharge setup_charge;      // the context and its configuration bytes
+        MemoryCharge resampler_charge;  // the resampler and its buffered samples
+        std::shared_ptr<PictureLedger> ledger;
         av_ptr<AVCodecContext> codec_ctx;
         av_ptr<SwrContext> swr_ctx;
         int32_t in_sample_rate = 0;
@@ -94,6 +106,9 @@ class MediaDecoder {
 
     static AVPixelFormat get_hw_format(AVCodecContext* ctx, const AVPixelFormat* pix_fmts);
 
+    // What this client's decoder holds, charged to the service's memory budget. First, so that it
+    // outlives every charge of the members below.
+    MemoryAccount account{MemoryBudget::service()};
     int32_t media_type = MEDIA_TYPE_NONE;
     av_ptr<AVFrame> frame;
     av_ptr<AVPacket> packet;
@@ -152,7 +167,11 @@ class MediaDecoder {
     int update_resampler(audio_context_t& state, const AVFrame* frm);
     int decode_video(AVCodecContext* codec_ctx, AVPacket* packet, AVFrame* frame);
     int decode_audio(AVCodecContext* codec_ctx, AVPacket* packet, AVFrame* frame);
-    av_ptr<AVCodecContext> open_sw_video_context(const AVCodec* codec, const video_context_t& state,
+    bool admit_video(video_context_t& state, AVCodecID codec_id, int extradata_size);
+    int64_t max_pixels() const;
+    bool charge_conversion(video_context_t& state, const AVFrame* picture, int format,
+                           bool from_hardware);
+    av_ptr<AVCodecContext> open_sw_video_context(const AVCodec* codec, video_context_t& state,
                                                  int extradata_size);
     av_ptr<AVCodecContext> open_hw_candidate(const AVCodec* codec, AVHWDeviceType type, int width,
                                              int height, int extradata_size);
@@ -173,6 +192,7 @@ class MediaDecoder {
     void write_failure() { write_result(STATUS_FAILED, 0, 0); }
     void clear_result() { write_result(STATUS_OK, 0, 0); }
     bool append_extradata(AVCodecContext* ctx, int size);
+    bool charge_config(MemoryCharge& charge, int32_t size, int contexts);
     void clear_output_after(size_t used);
     bool release_pages(size_t offset, size_t length);
 };

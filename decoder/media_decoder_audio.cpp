@@ -1,9 +1,11 @@
+#include <algorithm>
 #include <cstring>
 #include <new>
 
 #include "base/defer_action.h"
 #include "decoder/ffmpeg_protocol.h"
 #include "decoder/media_decoder_internal.h"
+#include "decoder/memory_estimates.h"
 
 using namespace decoder_detail;
 
@@ -31,6 +33,12 @@ bool MediaDecoder::init_audio_codec_context(AVCodecID codec_id, int in_sample_fm
     state.out_channels = out_channels;
     state.out_sample_fmt = out_sample_fmt;
     state.out_channel_layout = ffcompat::default_channel_layout(out_channels);
+    state.setup_charge = MemoryCharge(&account);
+    state.resampler_charge = MemoryCharge(&account);
+    if (!state.setup_charge.set(memory_estimates::kClientOverhead + std::max(extradata_size, 0),
+                                "decoder setup")) {
+        return false;
+    }
 
     const AVCodec* codec = avcodec_find_decoder(codec_id);
     if (codec == nullptr) {
@@ -43,6 +51,9 @@ bool MediaDecoder::init_audio_codec_context(AVCodecID codec_id, int in_sample_fm
         LOGE("audio codec context alloc failed");
         return false;
     }
+    state.ledger = PictureLedger::attach(ctx.get(), &account, 0);
+    // No frame beyond what the output area could take in any format (a byte a sample).
+    ctx->max_samples = static_cast<int64_t>(SHM_AREA_SIZE);
     ffcompat::set_context_channels(ctx.get(), in_channels);
     ctx->sample_fmt = sample_format_from(in_sample_fmt);
     if (in_sample_rate > 0) {
@@ -161,6 +172,11 @@ int MediaDecoder::decode_audio(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame
     if (static_cast<size_t>(needed) > SHM_AREA_SIZE) {
         LOGE("converted audio exceeds the output area: %d bytes", needed);
         return AVERROR_UNKNOWN;
+    }
+    // The resampler's buffers and the output area's pages it writes.
+    if (!state.resampler_charge.set(2 * int64_t{needed} + memory_estimates::kMiB / 16,
+                                    "sample conversion")) {
+        return AVERROR(ENOMEM);
     }
     if (av_samples_fill_arrays(planes, nullptr, output_area(), state.out_channels, frm->nb_samples,
                                out_format, 0) < 0) {

@@ -9,6 +9,7 @@
 #include "base/defer_action.h"
 #include "decoder/ffmpeg_protocol.h"
 #include "decoder/media_decoder_internal.h"
+#include "decoder/memory_estimates.h"
 #include "decoder/packed_picture.h"
 
 using namespace decoder_detail;
@@ -49,6 +50,9 @@ bool MediaDecoder::init_video_codec_context(AVCodecID codec_id, int width, int h
     state.out_width = out_width;
     state.out_height = out_height;
     state.out_pix_fmt = effective_out_pix_fmt(out_pix_fmt);
+    if (!admit_video(state, codec_id, extradata_size)) {
+        return false;
+    }
 
     const AVCodec* codec = avcodec_find_decoder(codec_id);
     if (codec == nullptr) {
@@ -70,12 +74,17 @@ bool MediaDecoder::init_video_codec_context(AVCodecID codec_id, int width, int h
         return false;
     }
     // A device type whose candidate cannot be made is left out; the software context decodes
-    // whatever no candidate takes.
+    // whatever no candidate takes. A device is charged before it is opened.
     for (const char* name : HW_DEVICE_TYPES) {
+        if (!state.setup_charge.add(memory_estimates::kHardwareDevice, "hardware device")) {
+            break;
+        }
         av_ptr<AVCodecContext> candidate = open_hw_candidate(
             codec, av_hwdevice_find_type_by_name(name), width, height, extradata_size);
         if (candidate) {
             state.hw_codec_candidates.push_back(std::move(candidate));
+        } else {
+            state.setup_charge.add(-memory_estimates::kHardwareDevice, nullptr);
         }
     }
 
@@ -87,14 +96,60 @@ bool MediaDecoder::init_video_codec_context(AVCodecID codec_id, int width, int h
     return true;
 }
 
-MediaDecoder::av_ptr<AVCodecContext> MediaDecoder::open_sw_video_context(
-    const AVCodec* codec, const video_context_t& state, int extradata_size) {
+// Refuses, before anything is allocated, a setup no decoder can honour: a coded or output picture
+// beyond the largest side, or one whose least working set exceeds the whole budget. Then charges
+// what the setup makes besides pictures: the worker's share, the context's tables, the
+// configuration bytes of every context that gets them.
+bool MediaDecoder::admit_video(video_context_t& state, AVCodecID codec_id, int extradata_size) {
+    const int side = PictureLedger::kMaxSide;
+    if (state.width > side || state.height > side || state.out_width > side ||
+        state.out_height > side) {
+        LOGE("picture size refused: coded %dx%d, output %dx%d; at most %d on a side", state.width,
+             state.height, state.out_width, state.out_height, side);
+        return false;
+    }
+    const int64_t picture =
+        memory_estimates::picture_bytes(state.width, state.height, state.pix_fmt);
+    const int64_t output =
+        memory_estimates::picture_bytes(state.out_width, state.out_height, state.out_pix_fmt);
+    const int64_t least = memory_estimates::least_video_bytes(
+        codec_id, picture, state.width, state.height, state.out_width, output);
+    if (least > account.limit()) {
+        LOGE(
+            "memory budget exceeded: a %dx%d decoder into %dx%d needs %lld KiB, more than the "
+            "whole budget of %lld KiB",
+            state.width, state.height, state.out_width, state.out_height,
+            static_cast<long long>(least / 1024), static_cast<long long>(account.limit() / 1024));
+        return false;
+    }
+    state.setup_charge = MemoryCharge(&account);
+    state.conversion_charge = MemoryCharge(&account);
+    const int64_t config = std::max(extradata_size, 0);
+    const int64_t contexts = 1 + static_cast<int64_t>(std::size(HW_DEVICE_TYPES));
+    return state.setup_charge.set(memory_estimates::kClientOverhead + picture + contexts * config,
+                                  "decoder setup");
+}
+
+// The largest picture a decoder may set itself up for: FFmpeg refuses a stream's larger sizes
+// before it allocates its tables for them.
+int64_t MediaDecoder::max_pixels() const {
+    constexpr int64_t kMaxBytesPerPixel = 16;  // least_video_bytes of 4:2:0 and then some
+    return std::min(int64_t{PictureLedger::kMaxSide} * PictureLedger::kMaxSide,
+                    account.limit() / kMaxBytesPerPixel);
+}
+
+MediaDecoder::av_ptr<AVCodecContext> MediaDecoder::open_sw_video_context(const AVCodec* codec,
+                                                                         video_context_t& state,
+                                                                         int extradata_size) {
     av_ptr<AVCodecContext> ctx =
         own_codec_context(avcodec_alloc_context3(codec), "freeing video decoder context");
     if (!ctx) {
         LOGE("codec context alloc failed");
         return nullptr;
     }
+    state.sw_ledger = PictureLedger::attach(
+        ctx.get(), &account, memory_estimates::side_table_bytes_per_pixel(codec->id));
+    ctx->max_pixels = max_pixels();
     ctx->codec_type = AVMEDIA_TYPE_VIDEO;
     ctx->width = state.width;
     ctx->height = state.height;
@@ -131,9 +186,11 @@ MediaDecoder::av_ptr<AVCodecContext> MediaDecoder::open_hw_candidate(const AVCod
     ctx->codec_type = AVMEDIA_TYPE_VIDEO;
     ctx->width = width;
     ctx->height = height;
+    ctx->max_pixels = max_pixels();
     auto* user_data = new (std::nothrow) hw_user_data_t();
     if (user_data != nullptr) {
         user_data->hw_pix_fmt = hw_pix_fmt;
+        user_data->pictures = MemoryCharge(&account);
     }
     ctx->opaque = user_data;
     ctx->get_format = &MediaDecoder::get_hw_format;
@@ -177,6 +234,13 @@ AVPixelFormat MediaDecoder::get_hw_format(AVCodecContext* ctx, const AVPixelForm
     }
     for (const AVPixelFormat* p = pix_fmts; p != nullptr && *p != AV_PIX_FMT_NONE; ++p) {
         if (*p == user_data->hw_pix_fmt) {
+            // The decoder makes its pool of surfaces next; they are charged first.
+            const int64_t pictures = memory_estimates::kHardwarePictures *
+                                     memory_estimates::picture_bytes(
+                                         ctx->coded_width, ctx->coded_height, ctx->sw_pix_fmt);
+            if (!user_data->pictures.set(pictures, "hardware pictures")) {
+                return AV_PIX_FMT_NONE;
+            }
             LOGD("get_hw_format: %s", pix_fmt_name(*p));
             return *p;
         }
@@ -225,6 +289,10 @@ void MediaDecoder::decode_video_branch() {
             candidates.erase(it);
             break;
         }
+        // A candidate that failed holds no surfaces until its next trial.
+        if (auto* user_data = static_cast<hw_user_data_t*>((*it)->opaque)) {
+            user_data->pictures.set(0, nullptr);
+        }
     }
     // The chosen context decodes the packet again; its result is the one the client sees.
     decode_with(state->hw_codec_ctx ? state->hw_codec_ctx.get() : state->sw_codec_ctx.get());
@@ -264,6 +332,19 @@ bool MediaDecoder::release_pages(size_t offset, size_t length) {
     return madvise(block + offset, length, MADV_REMOVE) == 0;
 }
 
+// Charges the conversion of a decoded picture before any of it is allocated; unchanged while the
+// pictures keep their size.
+bool MediaDecoder::charge_conversion(video_context_t& state, const AVFrame* picture, int format,
+                                     bool from_hardware) {
+    const int64_t source = memory_estimates::picture_bytes(picture->width, picture->height, format);
+    const int64_t output =
+        memory_estimates::picture_bytes(state.out_width, state.out_height, state.out_pix_fmt);
+    return state.conversion_charge.set(
+        memory_estimates::conversion_bytes(source, picture->width, state.out_width, output,
+                                           from_hardware),
+        "picture conversion");
+}
+
 int MediaDecoder::decode_video(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame* frm) {
     DeferAction failure([this, frm] {
         av_frame_unref(frm);
@@ -296,10 +377,17 @@ int MediaDecoder::decode_video(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame
         return ret;
     }
 
+    // Only a hardware context's opaque is its user data.
+    auto* user_data = codec_ctx->hw_device_ctx != nullptr
+                          ? static_cast<hw_user_data_t*>(codec_ctx->opaque)
+                          : nullptr;
+    const bool transfer = user_data != nullptr && frm->format == user_data->hw_pix_fmt;
+    video_context_t& state = *video_ctx;
+    if (!charge_conversion(state, frm, transfer ? codec_ctx->sw_pix_fmt : frm->format, transfer)) {
+        return AVERROR(ENOMEM);
+    }
     AVFrame* source = frm;
-    auto* user_data = static_cast<hw_user_data_t*>(codec_ctx->opaque);
-    if (codec_ctx->hw_device_ctx != nullptr && user_data != nullptr &&
-        frm->format == user_data->hw_pix_fmt) {
+    if (transfer) {
         ret = av_hwframe_transfer_data(sw_frame.get(), frm, 0);
         if (ret < 0) {
             LOGE("error transferring HW frame to SW frame");
@@ -308,7 +396,6 @@ int MediaDecoder::decode_video(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame
         source = sw_frame.get();
     }
 
-    video_context_t& state = *video_ctx;
     const AVPixelFormat out_format = static_cast<AVPixelFormat>(state.out_pix_fmt);
     SwsContext* sws =
         sws_getCachedContext(state.sws_ctx.release(), source->width, source->height,

@@ -1,3 +1,4 @@
+#include <malloc.h>
 #include <unistd.h>
 
 #include "base/system_log.h"
@@ -10,6 +11,10 @@ int main() {
     (void)daemonized;
     // Warnings and errors reach the journal; opened by the daemon itself, before anything runs.
     SvcSystemLogOpen("media-service");
+    // Pictures and other large buffers get pages of their own, given back to the system when
+    // they are freed, instead of staying in the allocator's heaps (glibc raises this threshold
+    // on its own after large frees, which would keep a departed client's pictures resident).
+    mallopt(M_MMAP_THRESHOLD, 1 << 20);
 
     Runtime runtime;
     runtime.run();

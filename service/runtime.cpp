@@ -11,6 +11,8 @@
 #include <string>
 
 #include "base/log.h"
+#include "base/memory_limit.h"
+#include "decoder/memory_budget.h"
 #include "decoder/exchange_block.h"
 
 namespace {
@@ -36,6 +38,8 @@ Runtime::Runtime() {
     sighup_watcher->set<Runtime, &Runtime::on_singal_event>(this);
     sighup_watcher->start(SIGHUP);
 
+    set_memory_budget();
+
     char path[SOCKET_PATH_SIZE] = {};
     const char* runtime_dir = getenv("XDG_RUNTIME_DIR");
     if (runtime_dir != nullptr) {
@@ -52,6 +56,17 @@ Runtime::Runtime() {
 }
 
 Runtime::~Runtime() = default;
+
+// Clients' decoders may hold what the host gives the service (its cgroup's limit, else the
+// physical memory), less a share kept for the service itself.
+void Runtime::set_memory_budget() {
+    const MemoryLimit limit = memory_limit("", physical_memory());
+    const int64_t budget = decoding_budget(limit.bytes);
+    MemoryBudget::service().set_limit(budget);
+    LOGD("memory budget for decoders: %lld MiB of %lld MiB (%s)",
+         static_cast<long long>(budget >> 20), static_cast<long long>(limit.bytes >> 20),
+         limit.source.c_str());
+}
 
 void Runtime::run() {
     if (!loop) {

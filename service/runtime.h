@@ -20,6 +20,7 @@ class Runtime {
     void run();
     // Spelled "singal": the name is part of the service's documented interface.
     void on_singal_event(ev::sig& watcher, int revents);
+    void set_memory_budget();
 
     std::unique_ptr<ev::default_loop> loop;
     std::unique_ptr<ev::sig> sigterm_watcher;

@@ -180,14 +180,14 @@ TEST_P(Stop, EndsInOrderWithStatusZero) {
     const std::string log = daemon.log();
     EXPECT_TRUE(GetParam().why == nullptr || log_has(log, "DEBUG", GetParam().why)) << log;
     // The server's stop report, the end of the loop, then the log guard's line at exit; besides
-    // them the runtime logs only its start.
+    // them the runtime logs only its start and its memory budget.
     EXPECT_TRUE(std::regex_search(
         log, std::regex("\n\\[DEBUG\\] \\[runtime\\] runtime:\\d+ media server stopped, now "
                         "quiting\\.\\.\\.\n\\[DEBUG\\] \\[runtime\\] runtime:\\d+ stopping media "
                         "service\\.\\.\\.\n日志文件切换: 标准输出\n$")))
         << log;
     EXPECT_EQ(daemon.count("media server stopped"), 1u);
-    EXPECT_EQ(daemon.count("[runtime]"), 3u);
+    EXPECT_EQ(daemon.count("[runtime]"), 4u);
     if (how == "SessionSilent") {
         EXPECT_EQ(daemon.count("send ping msg to session"), 0u);
         EXPECT_TRUE(wait_closed(session.fd(), kWaitMs));
@@ -415,6 +415,75 @@ TEST(Exhaustion, RefusesOrPausesAndRecovers) {
     working.c.close();
     session.close();
     EXPECT_EQ(daemon.wait_exit(), 0);
+}
+
+// With a small budget (the hooks give the host 512 MiB: 384 MiB for decoders), a client whose
+// stream would hold more (4K H.264 with 16 references) gets -1 answers and the budget's ERROR line
+// once memory runs short, while a 1080p client beside it gets every answer and picture that the
+// model gets; sizes beyond what the budget can hold at all are refused at setup; and once the
+// greedy client has left, the service's resident memory is back where it was.
+TEST(MemoryBudget, AClientOverItGivesWayAndItsMemoryComesBack) {
+    const Clip& greedy = clip("budget-4k.mp4",
+                              "-f lavfi -i testsrc2=size=3840x2160:rate=30 -frames:v 24 -c:v "
+                              "libx264 -preset ultrafast -refs 16 -bf 0 -g 300");
+    const Clip& small = clip("budget-1080p.mp4",
+                             "-f lavfi -i testsrc2=size=1920x1080:rate=30 -frames:v 30 -c:v "
+                             "libx264 -preset ultrafast -bf 2");
+    Daemon::Options options;
+    options.env["SVC_TEST_MEMORY"] = std::to_string(512 << 20);
+    Daemon daemon(options);
+    ASSERT_TRUE(daemon.start());
+    EXPECT_TRUE(log_has(daemon.log(), "DEBUG",
+                        "memory budget for decoders: 384 MiB of 512 MiB (physical memory)"));
+    Client fits(daemon, true), over(daemon, false);
+    mediatools::LocalVideoDecoder model;
+    std::string error;
+    ASSERT_TRUE(fits.init(small, 1920, 1080, 0));
+    ASSERT_TRUE(
+        model.open(small.info.codec_id, mediatools::video_init_params(small.info, 1920, 1080, 0),
+                   small.info.extradata, mediatools::LocalVideoDecoder::Output::kScaleOnly, &error))
+        << error;
+    auto decode_small = [&](size_t from, size_t to) {
+        for (size_t i = from; i < to; ++i) {
+            const auto& p = small.packets[i];
+            ExchangeResult r{};
+            ASSERT_EQ(fits.c.decode_frame(p.data.data(), p.data.size(), p.pts, &r, kLongWaitMs),
+                      ClientError::kOk);
+            const auto want = model.decode(p.data.data(), int(p.data.size()), p.pts);
+            EXPECT_EQ(differs(r, fits.c.output(), want, model.output()), "") << "packet " << i;
+        }
+    };
+    decode_small(0, 4);
+    const long rss_before = proc_stat(daemon.pid()).rss_kb;
+
+    ASSERT_TRUE(over.init(greedy, 1920, 1080, 0));
+    int pictures = 0, failed = 0;
+    for (const auto& p : greedy.packets) {
+        ExchangeResult r{};
+        ASSERT_EQ(over.c.decode_frame(p.data.data(), p.data.size(), p.pts, &r, kLongWaitMs),
+                  ClientError::kOk);
+        pictures += r.status == STATUS_OK;
+        failed += r.status == STATUS_FAILED;
+    }
+    EXPECT_GT(pictures, 0);
+    EXPECT_GT(failed, 0);
+    EXPECT_TRUE(log_has(daemon.log(), "ERROR", "memory budget exceeded: picture of"));
+    decode_small(4, small.packets.size());
+
+    // A setup that could never fit is refused before anything is allocated.
+    DecoderClient huge;
+    ASSERT_EQ(huge.connect_posix(daemon.socket_path()), ClientError::kOk);
+    ExchangeResult r{};
+    ASSERT_EQ(huge.init_video(greedy.codec_index(), {16384, 8192, 0, 64, 48, 0}, nullptr, 0, &r,
+                              kLongWaitMs),
+              ClientError::kOk);
+    EXPECT_EQ(r.status, STATUS_FAILED);
+    EXPECT_TRUE(log_has(daemon.log(), "ERROR", "more than the whole budget of 393216 KiB"));
+    over.c.close();
+    EXPECT_TRUE(daemon.wait_log("the decoder held at most"));
+    if (sizeof(SVC_SANITIZER) == 1) {  // sanitizers keep freed memory in quarantine
+        EXPECT_LT(proc_stat(daemon.pid()).rss_kb, rss_before + 16 * 1024);
+    }
 }
 
 }  // namespace

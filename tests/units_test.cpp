@@ -11,12 +11,14 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <sstream>
 
 #include <gtest/gtest.h>
 
 #include "base/ashmem.h"
 #include "base/log.h"
+#include "base/memory_limit.h"
 #include "base/spin_wait.h"
 #include "support/support.h"
 
@@ -157,6 +159,76 @@ TEST(AshMemory, MapsAndReleasesRegionsOnly) {
               "directory\n"
               "[WRN] ashmem:28 munmap(mMemory, mSize) result(-1) errno(22) Invalid argument\n"
               "[WRN] ashmem:32 close(mFd) result(-1) errno(9) Bad file descriptor\n");
+}
+
+// The memory the host gives the service: its cgroup's limit, the smallest along the path from its
+// own cgroup up, cgroup v2 or v1, and never more than the physical memory; decoders get all but a
+// quarter of it, and at least 64 MiB is kept.
+TEST(MemoryLimit, FromTheCgroupElseThePhysicalMemory) {
+    constexpr int64_t MiB = 1 << 20, GiB = 1 << 30;
+    struct Case {
+        const char* name;
+        std::string cgroup;                                      // /proc/self/cgroup
+        std::vector<std::pair<std::string, std::string>> files;  // under /sys/fs/cgroup
+        int64_t physical, bytes;
+        std::string source;
+    };
+    const std::vector<Case> cases = {
+        {"v2",
+         "0::/user.slice/app.service\n",
+         {{"user.slice/app.service/memory.max", "1073741824\n"}},
+         8 * GiB,
+         GiB,
+         "cgroup v2 /user.slice/app.service"},
+        {"v2 parent",
+         "0::/a/b\n",
+         {{"a/b/memory.max", "max\n"}, {"a/memory.max", "536870912\n"}},
+         8 * GiB,
+         512 * MiB,
+         "cgroup v2 /a/b"},
+        {"v2 none", "0::/a\n", {{"a/memory.max", "max\n"}}, 8 * GiB, 8 * GiB, "physical memory"},
+        {"v2 above physical",
+         "0::/a\n",
+         {{"a/memory.max", "17179869184\n"}},
+         4 * GiB,
+         4 * GiB,
+         "physical memory"},
+        {"v1 hybrid",
+         "4:memory:/x\n1:cpu,cpuacct:/y\n0::/\n",
+         {{"memory/x/memory.limit_in_bytes", "268435456\n"}},
+         8 * GiB,
+         256 * MiB,
+         "cgroup v1 /x"},
+        {"v1 none",
+         "3:cpu,memory:/x\n",
+         {{"memory/x/memory.limit_in_bytes", "9223372036854771712\n"}},
+         2 * GiB,
+         2 * GiB,
+         "physical memory"},
+        {"no cgroup", "", {}, 4 * GiB, 4 * GiB, "physical memory"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        TempDir root;
+        ASSERT_EQ(system(("mkdir -p " + root.path + "/proc/self").c_str()), 0);
+        if (!c.cgroup.empty()) {
+            std::ofstream(root.path + "/proc/self/cgroup") << c.cgroup;
+        }
+        for (const auto& [file, content] : c.files) {
+            const std::string path = root.path + "/sys/fs/cgroup/" + file;
+            ASSERT_EQ(system(("mkdir -p " + path.substr(0, path.rfind('/'))).c_str()), 0);
+            std::ofstream(path) << content;
+        }
+        const MemoryLimit limit = memory_limit(root.path, c.physical);
+        EXPECT_EQ(limit.bytes, c.bytes);
+        EXPECT_EQ(limit.source, c.source);
+    }
+    for (auto [limit, budget] : {std::pair(GiB, 768 * MiB),
+                                 {8 * GiB, 6 * GiB},
+                                 {200 * MiB, 136 * MiB},
+                                 {48 * MiB, int64_t{0}}}) {
+        EXPECT_EQ(decoding_budget(limit), budget) << limit;
+    }
 }
 
 // Spinning, counted in asks of the readiness test so that no figure depends on the machine's

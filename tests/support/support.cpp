@@ -121,10 +121,9 @@ bool Daemon::start() {
     mkdir((runtime_dir_ + "/vessa/sockets").c_str(), 0700);
     // Everything the child needs is made here: between fork and exec only async-signal-safe
     // calls are allowed, since other threads of the test may hold locks.
-    std::map<std::string, std::string> env{
-        {"XDG_RUNTIME_DIR", runtime_dir_},
-        {"LD_PRELOAD", SVC_TESTHOOKS_LIB},
-        {"LSAN_OPTIONS", "suppressions=" SVC_LSAN_SUPPRESSIONS}};
+    std::map<std::string, std::string> env{{"XDG_RUNTIME_DIR", runtime_dir_},
+                                           {"LD_PRELOAD", SVC_TESTHOOKS_LIB},
+                                           {"LSAN_OPTIONS", "suppressions=" SVC_LSAN_SUPPRESSIONS}};
     for (const auto& kv : options_.env) {
         env[kv.first] = kv.second;
     }
@@ -182,11 +181,15 @@ std::string Daemon::log() const {
 std::vector<std::string> worker_names(pid_t pid) {
     std::vector<std::string> names;
     const std::string task = "/proc/" + std::to_string(pid) + "/task";
+    auto name_of = [&](const std::string& tid) {
+        const std::string name = read_file(task + "/" + tid + "/comm");
+        return name.substr(0, name.find('\n'));
+    };
+    const std::string process = name_of(std::to_string(pid));
     DIR* dir = opendir(task.c_str());
     for (dirent* e = dir ? readdir(dir) : nullptr; e != nullptr; e = readdir(dir)) {
-        if (e->d_name[0] != '.' && atoi(e->d_name) != pid) {
-            std::string name = read_file(task + "/" + e->d_name + "/comm");
-            names.push_back(name.substr(0, name.find('\n')));
+        if (e->d_name[0] != '.' && name_of(e->d_name) != process) {
+            names.push_back(name_of(e->d_name));
         }
     }
     if (dir != nullptr) {

@@ -75,7 +75,8 @@ class Daemon {
     std::string runtime_dir_;
 };
 
-// The names of a process's threads other than its main thread (/proc/PID/task/*/comm).
+// The names of a process's threads that are not named like the process (/proc/PID/task/*/comm):
+// the daemon's decoder workers, not its loop thread or a sanitizer's thread.
 std::vector<std::string> worker_names(pid_t pid);
 
 // An X server of the test's own (Xvfb, on a display number it picks), for the VDPAU stack that

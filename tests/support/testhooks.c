@@ -13,6 +13,9 @@
  *   MADV_REMOVE fail with EPERM, as they do on a sealed object on some kernels and not on others.
  * - syslog(): with SVC_TEST_SYSLOG set, each line goes to the file it names instead, as
  *   "<priority> <text>\n", so that a test can read what the system log would have received.
+ * - sysconf(_SC_PHYS_PAGES): with SVC_TEST_MEMORY set, the host has that many bytes of memory, so
+ *   that a test gets a small memory budget wherever it runs (a cgroup limit below it would still
+ *   count, but no test machine has one that small).
  *
  * The file compiles as C and as C++. */
 
@@ -118,6 +121,18 @@ int madvise(void* addr, size_t length, int advice) SVC_HOOK_NOTHROW {
         return -1;
     }
     return (int)syscall(SYS_madvise, addr, length, advice);
+}
+
+long sysconf(int name) SVC_HOOK_NOTHROW {
+    static long (*real)(int) = NULL;
+    if (real == NULL) {
+        real = (long (*)(int))dlsym(RTLD_NEXT, "sysconf");
+    }
+    const char* memory = getenv("SVC_TEST_MEMORY");
+    if (name == _SC_PHYS_PAGES && memory != NULL && memory[0] != '\0') {
+        return (long)(strtoll(memory, NULL, 10) / real(_SC_PAGESIZE));
+    }
+    return real(name);
 }
 
 static void svc_hook_syslog(int priority, const char* format, va_list args) {

@@ -1,0 +1,94 @@
+#pragma once
+
+// The memory clients' decoders may hold, and who gives way when they compete.
+//
+// Each decoder client has an account; what its decoder takes (pictures, conversion, packets,
+// configuration bytes, the contexts themselves) is charged to it before the memory is allocated,
+// and given back when it is freed. A charge the budget refuses fails the request that needed it
+// (status -1 and an ERROR line); nothing is taken from other clients.
+//
+// When memory is short, a client that holds more than its share gives way, not a newcomer with a
+// small stream: a charge is granted while the total stays within the budget and either the client
+// stays within its fair share (the budget divided among the clients that hold memory), or the
+// total stays out of the last quarter of the budget, which is kept for clients within their share.
+// So clients that grow without bound fill at most three quarters, and a small client coming later
+// still finds room. What a client already holds is never taken back: its pictures are its
+// decoder's references.
+
+#include <cstdint>
+#include <mutex>
+
+class MemoryBudget;
+
+class MemoryAccount {
+  public:
+    explicit MemoryAccount(MemoryBudget& budget);
+    MemoryAccount(const MemoryAccount&) = delete;
+    MemoryAccount& operator=(const MemoryAccount&) = delete;
+    virtual ~MemoryAccount();  // every charge must be given back by then
+
+    int64_t held() const;
+    // The most it has held at once.
+    int64_t peak() const;
+    // The budget this account draws from.
+    int64_t limit() const;
+
+  private:
+    friend class MemoryCharge;
+    friend class MemoryBudget;
+    MemoryBudget& budget_;
+    int64_t held_ = 0;  // these two guarded by the budget's mutex
+    int64_t peak_ = 0;
+};
+
+// An amount charged to an account for one purpose, given back when it shrinks or is destroyed.
+// Move-only; used on one thread at a time.
+class MemoryCharge {
+  public:
+    MemoryCharge() = default;
+    explicit MemoryCharge(MemoryAccount* account) : account_(account) {}
+    MemoryCharge(MemoryCharge&& other) noexcept;
+    MemoryCharge& operator=(MemoryCharge&& other) noexcept;
+    MemoryCharge(const MemoryCharge&) = delete;
+    MemoryCharge& operator=(const MemoryCharge&) = delete;
+    virtual ~MemoryCharge() { set(0, nullptr); }
+
+    // Makes the charge `bytes`. Growing asks the budget; when it refuses, the charge stays as it
+    // was, the refusal is logged naming `what`, and the result is false. Without an account every
+    // charge is granted.
+    bool set(int64_t bytes, const char* what);
+    // Grows the charge by `bytes` (see set()).
+    bool add(int64_t bytes, const char* what) { return set(bytes_ + bytes, what); }
+    int64_t bytes() const { return bytes_; }
+
+  private:
+    MemoryAccount* account_ = nullptr;
+    int64_t bytes_ = 0;
+};
+
+class MemoryBudget {
+  public:
+    // The service's budget, unlimited until set_limit() (the tools decode in-process with it).
+    static MemoryBudget& service();
+
+    explicit MemoryBudget(int64_t limit) : limit_(limit) {}
+    MemoryBudget(const MemoryBudget&) = delete;
+    MemoryBudget& operator=(const MemoryBudget&) = delete;
+    virtual ~MemoryBudget() = default;
+
+    void set_limit(int64_t limit);
+    int64_t limit() const;
+    int64_t total() const;
+
+  private:
+    friend class MemoryAccount;
+    friend class MemoryCharge;
+    // Grows `account` by `bytes` when the rules above allow it.
+    bool grow(MemoryAccount& account, int64_t bytes, const char* what);
+    void shrink(MemoryAccount& account, int64_t bytes);
+
+    mutable std::mutex mutex_;  // guards everything below and every account's held_
+    int64_t limit_;
+    int64_t total_ = 0;
+    int holders_ = 0;  // accounts that hold something
+};
