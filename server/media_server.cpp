@@ -180,6 +180,13 @@ bool receive_client_type_msg(int fd, MediaServer::client_type_msg_t* msg) {
     return true;
 }
 
+// Whether two descriptors refer to one file.
+bool same_object(int a, int b) {
+    struct stat sa, sb;
+    return fstat(a, &sa) == 0 && fstat(b, &sb) == 0 && sa.st_dev == sb.st_dev &&
+           sa.st_ino == sb.st_ino;
+}
+
 // The first ping msg carries one descriptor, the service's standard input (/dev/null once
 // daemonised); later pings are the byte alone. MSG_NOSIGNAL: a peer that has shut down its
 // reading side must not kill the service with SIGPIPE; the failure ends the session instead.
@@ -528,11 +535,18 @@ void MediaServer::register_decoder(ev::io& io, uint8_t client_type, const char* 
     if (is_ashmem) {
         shm_fd = received_fd.release();
     } else {
-        // The object is opened by name; the descriptor the client passed besides is not used.
-        received_fd.reset();
+        // The object is opened by name, and a client may name only the object it holds: the one
+        // whose descriptor it passed. Another object of the user's is refused unmapped.
         shm_fd = shm_open(shm_name, O_RDWR, 0600);
+        int error = errno;
+        if (shm_fd >= 0 && !same_object(shm_fd, received_fd.get())) {
+            ::close(shm_fd);
+            shm_fd = -1;
+            error = EACCES;
+        }
+        received_fd.reset();
         if (shm_fd < 0) {
-            LOGE("shared memory object open failed: [%d] %s", errno, strerror(errno));
+            LOGE("shared memory object open failed: [%d] %s", error, strerror(error));
             return;
         }
     }

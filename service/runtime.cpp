@@ -13,6 +13,7 @@
 #include "base/log.h"
 #include "base/memory_limit.h"
 #include "decoder/memory_budget.h"
+#include "service/confinement.h"
 #include "decoder/exchange_block.h"
 
 namespace {
@@ -53,6 +54,9 @@ Runtime::Runtime() {
         LOGD("media server stopped, now quiting...");  // sic: verbatim log text
         ev_break(*loop, EVBREAK_ONE);
     });
+    // A daemon that listens, not yet serving anyone: from here on a taken-over decoder finds
+    // nothing else it can do.
+    confinement::confine_process();
 }
 
 Runtime::~Runtime() = default;

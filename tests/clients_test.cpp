@@ -223,6 +223,9 @@ TEST_F(Handshake, RefusalsAreLoggedAndLeaveNothingOpen) {
     const std::string missing = "/svc-test-missing-" + std::to_string(getpid());
     shm_unlink(missing.c_str());
     ScopedShm small(SHM_BLOCK_SIZE - 4096);  // larger than any one area, smaller than the block
+    // Another object of the user's, which a client names while it passes its own: never touched.
+    ScopedShm other(SHM_BLOCK_SIZE);
+    ASSERT_EQ(pwrite(other.fd, "untouched", 9, SHM_RESULT_OFFSET), 9);
     UniqueFd null_fd(open("/dev/null", O_RDONLY | O_CLOEXEC)), region(make_memfd(SHM_BLOCK_SIZE));
     UniqueFd small_region(make_memfd(4096));
     UniqueFd plain(
@@ -257,8 +260,18 @@ TEST_F(Handshake, RefusalsAreLoggedAndLeaveNothingOpen) {
          {r},
          "shared memory object open failed: [2] No such "
          "file or directory"},
+        {CLIENT_TYPE_SHM_DECODER,
+         other.name,
+         {r},
+         "shared memory object open failed: [13] "
+         "Permission denied"},
+        {CLIENT_TYPE_SHM_DECODER,
+         other.name,
+         {n},
+         "shared memory object open failed: [13] "
+         "Permission denied"},
         {CLIENT_TYPE_ASHMEM_DECODER, "", {plain.get()}, failed},  // a plain file is no region
-        {CLIENT_TYPE_SHM_DECODER, small.name, {n}, failed},
+        {CLIENT_TYPE_SHM_DECODER, small.name, {small.fd}, failed},
         {CLIENT_TYPE_ASHMEM_DECODER, "", {small_region.get()}, failed},
         {0, "", {r}, "client disconnected: ", "INFO"},  // an empty record, sent as such below
     };
@@ -288,6 +301,9 @@ TEST_F(Handshake, RefusalsAreLoggedAndLeaveNothingOpen) {
     EXPECT_TRUE(wait_until(3000, [&] { return proc_stat(daemon.pid()).fds == before.fds; }))
         << proc_stat(daemon.pid()).fds << " descriptors, " << before.fds << " before";
     EXPECT_EQ(proc_stat(daemon.pid()).threads, before.threads);
+    char content[16] = {};
+    EXPECT_EQ(pread(other.fd, content, sizeof(content), SHM_RESULT_OFFSET), 16);
+    EXPECT_STREQ(content, "untouched");
 }
 
 // Without a decoder a decode answers all zero whatever its size (and says why), while flush,

@@ -12,7 +12,8 @@
  * - fallocate()/madvise(): with SVC_TEST_REFUSE_PAGE_RELEASE set, punching a hole and
  *   MADV_REMOVE fail with EPERM, as they do on a sealed object on some kernels and not on others.
  * - syslog(): with SVC_TEST_SYSLOG set, each line goes to the file it names instead, as
- *   "<priority> <text>\n", so that a test can read what the system log would have received.
+ *   "<priority> <text>\n", so that a test can read what the system log would have received. The
+ *   file is opened when the hooks are loaded: the confined daemon may no longer open it later.
  * - sysconf(_SC_PHYS_PAGES): with SVC_TEST_MEMORY set, the host has that many bytes of memory, so
  *   that a test gets a small memory budget wherever it runs (a cgroup limit below it would still
  *   count, but no test machine has one that small).
@@ -135,9 +136,17 @@ long sysconf(int name) SVC_HOOK_NOTHROW {
     return real(name);
 }
 
-static void svc_hook_syslog(int priority, const char* format, va_list args) {
+static FILE* svc_hook_syslog_file = NULL;
+
+__attribute__((constructor)) static void svc_hook_open_syslog_file(void) {
     const char* path = getenv("SVC_TEST_SYSLOG");
-    if (path == NULL || path[0] == '\0') {
+    if (path != NULL && path[0] != '\0') {
+        svc_hook_syslog_file = fopen(path, "ae");
+    }
+}
+
+static void svc_hook_syslog(int priority, const char* format, va_list args) {
+    if (svc_hook_syslog_file == NULL) {
         void (*real)(int, const char*, va_list) =
             (void (*)(int, const char*, va_list))dlsym(RTLD_NEXT, "vsyslog");
         if (real != NULL) {
@@ -145,13 +154,10 @@ static void svc_hook_syslog(int priority, const char* format, va_list args) {
         }
         return;
     }
-    FILE* file = fopen(path, "a");
-    if (file != NULL) {
-        fprintf(file, "%d ", priority);
-        vfprintf(file, format, args);
-        fputc('\n', file);
-        fclose(file);
-    }
+    fprintf(svc_hook_syslog_file, "%d ", priority);
+    vfprintf(svc_hook_syslog_file, format, args);
+    fputc('\n', svc_hook_syslog_file);
+    fflush(svc_hook_syslog_file);
 }
 
 void syslog(int priority, const char* format, ...) {
