@@ -44,7 +44,10 @@ const char kUsage[] =
     "  - audio (AAC 48 kHz stereo) to s16 44.1 kHz stereo as a real-time factor, against\n"
     "    in-process;\n"
     "  - the service's resident memory idle, per registered decoder client, and per client\n"
-    "    decoding 1080p.\n"
+    "    decoding 1080p;\n"
+    "  - the memory ceiling: the peak of one client decoding 1080p, 4K and 8K H.264 and 8K HEVC\n"
+    "    10-bit to 1080p, and a second service in a 1 GiB cgroup (--cgroup) decoding six 8K HEVC\n"
+    "    clients and a 1080p one at once, the 1080p one compared with in-process decoding.\n"
     "All ways of decoding that a figure compares advance through the clip together, 10 packets\n"
     "(audio: 100) at a time in rotating order, so that other load on the machine hits them alike.\n"
     "CPU times are the threads' scheduler run times (/proc/PID/task/*/schedstat).\n"
@@ -57,11 +60,15 @@ const char kUsage[] =
     "  --runs N            passes over the clip per figure (default 3)\n"
     "  --round-trips N     requests per round-trip figure (default 20000)\n"
     "  --clients-packets N packets per client in the concurrency test (default 120)\n"
-    "  --only LIST         run only these sections: memory,rtt,idle,video,clients,audio\n"
+    "  --video-4k, --video-8k, --hevc-8k FILE\n"
+    "                      4K and 8K H.264 and 8K HEVC 10-bit clips for the memory ceiling\n"
+    "  --cgroup DIR        a memory cgroup limited to 1 GiB for the ceiling's last row\n"
+    "  --only LIST         run only these sections: memory,budget,rtt,idle,video,clients,audio\n"
     "  -h, --help\n";
 
 struct Options {
     std::string video, audio, socket;
+    std::string video_4k, video_8k, hevc_8k, cgroup;  // the memory ceiling's
     int runs = 3;
     int round_trips = 20000;
     int clients_packets = 120;
@@ -80,6 +87,10 @@ const option kLongOptions[] = {
     {"round-trips", required_argument, nullptr, 't'},
     {"clients-packets", required_argument, nullptr, 'c'},
     {"only", required_argument, nullptr, 'o'},
+    {"video-4k", required_argument, nullptr, '4'},
+    {"video-8k", required_argument, nullptr, '8'},
+    {"hevc-8k", required_argument, nullptr, 'H'},
+    {"cgroup", required_argument, nullptr, 'G'},
     {"help", no_argument, nullptr, 'h'},
     {nullptr, 0, nullptr, 0},
 };
@@ -107,6 +118,18 @@ bool set_option(int c, const char* arg, Options* opt) {
             return true;
         case 'o':
             opt->only = arg;
+            return true;
+        case '4':
+            opt->video_4k = arg;
+            return true;
+        case '8':
+            opt->video_8k = arg;
+            return true;
+        case 'H':
+            opt->hevc_8k = arg;
+            return true;
+        case 'G':
+            opt->cgroup = arg;
             return true;
         default:
             return false;
@@ -140,8 +163,24 @@ bool parse_options(int argc, char** argv, Options* opt, int* exit_code) {
 struct Bench {
     Options opt;
     Stream video, audio;
+    Stream video_4k, video_8k, hevc_8k;  // loaded when the ceiling's rows are asked for
     Service service;
 };
+
+// The ceiling's rows need their three clips.
+void bench_budget(Bench& b) {
+    std::string error;
+    if (b.opt.video_4k.empty() || b.opt.video_8k.empty() || b.opt.hevc_8k.empty()) {
+        note("memory ceiling skipped: no --video-4k, --video-8k and --hevc-8k");
+        return;
+    }
+    if (!load_stream(b.opt.video_4k, true, 0, &b.video_4k, &error) ||
+        !load_stream(b.opt.video_8k, true, 0, &b.video_8k, &error) ||
+        !load_stream(b.opt.hevc_8k, true, 0, &b.hevc_8k, &error)) {
+        die("%s", error.c_str());
+    }
+    bench_budget(b.service, {&b.video, &b.video_4k, &b.video_8k, &b.hevc_8k, b.opt.cgroup});
+}
 
 void load_media(Bench& b) {
     std::string error;
@@ -172,6 +211,7 @@ struct Section {
 // In the order of the table.
 const Section kSections[] = {
     {"memory", "memory", [](Bench& b) { bench_memory(b.service, b.video); }},
+    {"budget", "memory ceiling", [](Bench& b) { bench_budget(b); }},
     {"rtt", "round trip", [](Bench& b) { bench_round_trip(b.service, b.opt.round_trips); }},
     {"idle", "idle clients", [](Bench& b) { bench_idle(b.service); }},
     {"video", "video throughput", [](Bench& b) { bench_video(b.service, b.video, b.opt.runs); }},

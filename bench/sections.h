@@ -3,6 +3,7 @@
 // The sections of the table. Each measures one thing and adds its rows.
 
 #include <cstddef>
+#include <string>
 
 #include "bench/bench.h"
 #include "tools/media_file.h"
@@ -11,6 +12,16 @@ namespace mediabench {
 
 // The service's resident memory idle, per registered decoder client, and per client decoding.
 void bench_memory(Service& s, const mediatools::Stream& clip);
+// The clips and the cgroup of the memory ceiling's rows.
+struct BudgetMedia {
+    const mediatools::Stream* hd = nullptr;   // 1080p H.264
+    const mediatools::Stream* uhd = nullptr;  // 4K H.264
+    const mediatools::Stream* h264_8k = nullptr;
+    const mediatools::Stream* hevc_8k = nullptr;  // 10-bit
+    std::string cgroup;                           // a memory cgroup limited to 1 GiB, or empty
+};
+// Peak memory of one client at 1080p, 4K and 8K; six 8K clients and a 1080p one under 1 GiB.
+void bench_budget(Service& s, const BudgetMedia& media);
 // Empty requests against a bare ping-pong, `count` of each (a quarter of that pinned to one CPU).
 void bench_round_trip(Service& s, int count);
 // What waiting clients cost: idle registered clients and a 30 fps player.

@@ -95,7 +95,7 @@ bool service_listening(const std::string& socket_path) {
 }
 
 bool start_service(const std::string& socket_path, const std::string& binary_arg, int timeout_ms,
-                   std::string* error) {
+                   std::string* error, const std::string& cgroup) {
     if (!ends_with(socket_path, kSocketSuffix)) {
         *error = "nothing listens on " + socket_path +
                  ", and the service cannot be started there: it listens only on <runtime dir>" +
@@ -133,6 +133,7 @@ bool start_service(const std::string& socket_path, const std::string& binary_arg
     }
     envp.push_back(nullptr);
     char* argv[] = {const_cast<char*>(binary.c_str()), nullptr};
+    const std::string cgroup_procs = cgroup.empty() ? "" : cgroup + "/cgroup.procs";
 
     // The exec error, if any, comes back through a pipe that a successful exec closes.
     int report[2];
@@ -157,6 +158,14 @@ bool start_service(const std::string& socket_path, const std::string& binary_arg
                     close(fd);
                 }
             }
+        }
+        // "0" moves the writer itself; its children (the daemon) stay where it is.
+        const int procs = cgroup_procs.empty() ? -1 : open(cgroup_procs.c_str(), O_WRONLY);
+        if (!cgroup_procs.empty() && (procs < 0 || write(procs, "0", 1) != 1)) {
+            int err = errno;
+            ssize_t ignored = write(report[1], &err, sizeof(err));
+            (void)ignored;
+            _exit(127);
         }
         execve(binary.c_str(), argv, envp.data());
         int err = errno;

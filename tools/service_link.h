@@ -18,9 +18,10 @@ bool service_listening(const std::string& socket_path);
 // Starts `binary` (find_service_binary() when empty) so that it listens on `socket_path`, and
 // waits up to `timeout_ms` for the socket. The service derives its socket path from
 // XDG_RUNTIME_DIR, so the path must end in /vessa/sockets/media-service.socket; the directory is
-// created when missing. On failure `error` holds one line.
+// created when missing. With `cgroup`, the service starts in that cgroup (a folder of the cgroup
+// file system). On failure `error` holds one line.
 bool start_service(const std::string& socket_path, const std::string& binary, int timeout_ms,
-                   std::string* error);
+                   std::string* error, const std::string& cgroup = "");
 
 // mkdir -p, with mode 0700 for what it creates.
 bool make_dirs(const std::string& dir);
