@@ -11,12 +11,8 @@
  *   every other descriptor, goes to the kernel unchanged.
  * - fallocate()/madvise(): with SVC_TEST_REFUSE_PAGE_RELEASE set, punching a hole and
  *   MADV_REMOVE fail with EPERM, as they do on a sealed object on some kernels and not on others.
- * - syslog(): with SVC_TEST_SYSLOG set, each line goes to the file it names instead, as
- *   "<priority> <text>\n", so that a test can read what the system log would have received. The
- *   file is opened when the hooks are loaded: the confined daemon may no longer open it later.
- * - sysconf(_SC_PHYS_PAGES): with SVC_TEST_MEMORY set, the host has that many bytes of memory, so
- *   that a test gets a small memory budget wherever it runs (a cgroup limit below it would still
- *   count, but no test machine has one that small).
+ * The preloaded library also has host_hooks.c (the host's memory and system log as the daemon
+ * sees them) and attacker.c (the confinement test's attacker), which test programs leave out.
  *
  * The file compiles as C and as C++. */
 
@@ -24,7 +20,6 @@
 #define _GNU_SOURCE
 #endif
 
-#include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <stdarg.h>
@@ -122,58 +117,6 @@ int madvise(void* addr, size_t length, int advice) SVC_HOOK_NOTHROW {
         return -1;
     }
     return (int)syscall(SYS_madvise, addr, length, advice);
-}
-
-long sysconf(int name) SVC_HOOK_NOTHROW {
-    static long (*real)(int) = NULL;
-    if (real == NULL) {
-        real = (long (*)(int))dlsym(RTLD_NEXT, "sysconf");
-    }
-    const char* memory = getenv("SVC_TEST_MEMORY");
-    if (name == _SC_PHYS_PAGES && memory != NULL && memory[0] != '\0') {
-        return (long)(strtoll(memory, NULL, 10) / real(_SC_PAGESIZE));
-    }
-    return real(name);
-}
-
-static FILE* svc_hook_syslog_file = NULL;
-
-__attribute__((constructor)) static void svc_hook_open_syslog_file(void) {
-    const char* path = getenv("SVC_TEST_SYSLOG");
-    if (path != NULL && path[0] != '\0') {
-        svc_hook_syslog_file = fopen(path, "ae");
-    }
-}
-
-static void svc_hook_syslog(int priority, const char* format, va_list args) {
-    if (svc_hook_syslog_file == NULL) {
-        void (*real)(int, const char*, va_list) =
-            (void (*)(int, const char*, va_list))dlsym(RTLD_NEXT, "vsyslog");
-        if (real != NULL) {
-            real(priority, format, args);
-        }
-        return;
-    }
-    fprintf(svc_hook_syslog_file, "%d ", priority);
-    vfprintf(svc_hook_syslog_file, format, args);
-    fputc('\n', svc_hook_syslog_file);
-    fflush(svc_hook_syslog_file);
-}
-
-void syslog(int priority, const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    svc_hook_syslog(priority, format, args);
-    va_end(args);
-}
-
-/* What a caller built with _FORTIFY_SOURCE calls instead. */
-void __syslog_chk(int priority, int flag, const char* format, ...) {
-    (void)flag;
-    va_list args;
-    va_start(args, format);
-    svc_hook_syslog(priority, format, args);
-    va_end(args);
 }
 
 #ifdef __cplusplus
