@@ -399,10 +399,8 @@ std::string client_error(const mediaclient::DecoderClient& client, mediaclient::
             return "the service did not answer within " + std::to_string(timeout_ms / 1000) + " s";
         case mediaclient::ClientError::kDisconnected:
             return "the service closed the connection";
-        case mediaclient::ClientError::kSystem:
-            return std::string(mediaclient::error_text(e)) + ": " + strerror(client.last_errno());
-        default:
-            return mediaclient::error_text(e);
+        default:  // what the library was doing, and why it failed or refused the request
+            return client.last_error_text();
     }
 }
 

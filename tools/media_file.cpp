@@ -5,6 +5,7 @@ extern "C" {
 #include <libavformat/avformat.h>
 }
 
+#include "client/media_client.h"
 #include "decoder/exchange_block.h"
 #include "decoder/ffmpeg_compat.h"
 
@@ -158,22 +159,15 @@ bool load_stream(const std::string& path, bool video, int n, Stream* stream, std
     return true;
 }
 
+// The client library's lookup, as rows.
 int video_codec_index(const std::string& codec_name) {
-    for (int i = 0; i < VIDEO_CODEC_COUNT; ++i) {
-        if (codec_name == VIDEO_CODEC_NAMES[i]) {
-            return i;
-        }
-    }
-    return -1;
+    const auto codec = mediaclient::video_codec(codec_name);
+    return codec ? static_cast<int>(*codec) : -1;
 }
 
 int audio_codec_index(const std::string& codec_name) {
-    for (int i = 0; i < AUDIO_CODEC_COUNT; ++i) {
-        if (codec_name == AUDIO_CODEC_NAMES[i]) {
-            return i;
-        }
-    }
-    return -1;
+    const auto codec = mediaclient::audio_codec(codec_name);
+    return codec ? static_cast<int>(*codec) : -1;
 }
 
 std::string codec_table_names(bool video) {

@@ -1,0 +1,155 @@
+// The decoder client's exchange: the doorbell, the sync msg, and the one-step requests.
+#include "client/client_internal.h"
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+
+namespace mediaclient {
+
+using namespace protocol;
+using internal::is_disconnect_errno;
+using internal::kSignalBufferSize;
+
+namespace {
+
+constexpr const char* kInit = "init";
+
+}  // namespace
+
+ClientError DecoderClient::ring(size_t bytes) {
+    return ring_for("a request", bytes);
+}
+
+ClientError DecoderClient::wait_sync(int timeout_ms) {
+    return wait_for("a request", timeout_ms);
+}
+
+ClientError DecoderClient::call(int timeout_ms) {
+    ClientError rung = ring();
+    return rung == ClientError::kOk ? wait_sync(timeout_ms) : rung;
+}
+
+ClientError DecoderClient::ring_for(const char* request, size_t bytes) {
+    const std::string doing = std::string("ring the doorbell for ") + request;
+    if (fd_ < 0) {
+        return fail(ClientError::kNotConnected, doing);
+    }
+    if (bytes == 0) {
+        // An empty record reads as end of file on the service side.
+        return refuse(doing + ": a doorbell is at least 1 byte");
+    }
+    uint8_t small[kSignalBufferSize];
+    std::unique_ptr<uint8_t[]> large;
+    uint8_t* buf = small;
+    if (bytes > sizeof(small)) {
+        large.reset(new uint8_t[bytes]);
+        buf = large.get();
+    }
+    memset(buf, 'D', bytes);
+    if (internal::send_retry(fd_, buf, bytes) < 0) {
+        errno_ = errno;
+        return fail(is_disconnect_errno(errno_) ? ClientError::kDisconnected : ClientError::kSystem,
+                    doing);
+    }
+    return ClientError::kOk;
+}
+
+ClientError DecoderClient::wait_for(const char* request, int timeout_ms) {
+    std::string doing = "wait " + std::to_string(timeout_ms) + " ms for the answer to " + request;
+    if (fd_ < 0) {
+        return fail(ClientError::kNotConnected, doing);
+    }
+    ClientError ready = wait_readable(fd_, timeout_ms);
+    if (ready == ClientError::kTimeout && decoder_ended_) {
+        doing +=
+            " (the service ended this connection's decoder when its init failed: connect again)";
+    }
+    if (ready != ClientError::kOk) {
+        errno_ = errno;
+        return fail(ready, doing);
+    }
+    uint8_t buf[kSignalBufferSize];
+    ssize_t n = internal::read_retry(fd_, buf, sizeof(buf));
+    if (n < 0) {
+        errno_ = errno;
+        return fail(is_disconnect_errno(errno_) ? ClientError::kDisconnected : ClientError::kSystem,
+                    doing);
+    }
+    return n == 0 ? fail(ClientError::kDisconnected, doing) : ClientError::kOk;
+}
+
+ClientError DecoderClient::finish(ClientError written, const char* request, ExchangeResult* result,
+                                  int timeout_ms) {
+    if (written != ClientError::kOk) {
+        return written;
+    }
+    ClientError done = ring_for(request, 1);
+    done = done == ClientError::kOk ? wait_for(request, timeout_ms) : done;
+    if (done == ClientError::kOk && request == kInit) {
+        decoder_ended_ = this->result().status == STATUS_FAILED;
+    }
+    if (done == ClientError::kOk && result != nullptr) {
+        *result = this->result();
+    }
+    return done;
+}
+
+ClientError DecoderClient::init_video(VideoCodec codec, const VideoInitParams& params,
+                                      const void* config, size_t config_size,
+                                      ExchangeResult* result, int timeout_ms) {
+    return init_video(static_cast<uint32_t>(codec), params, config, config_size, result,
+                      timeout_ms);
+}
+
+ClientError DecoderClient::init_audio(AudioCodec codec, const AudioInitParams& params,
+                                      const void* config, size_t config_size,
+                                      ExchangeResult* result, int timeout_ms) {
+    return init_audio(static_cast<uint32_t>(codec), params, config, config_size, result,
+                      timeout_ms);
+}
+
+ClientError DecoderClient::init_video(uint32_t codec_index, const VideoInitParams& params,
+                                      const void* config, size_t config_size,
+                                      ExchangeResult* result, int timeout_ms) {
+    return finish(write_init_video(codec_index, params, config, config_size), kInit, result,
+                  timeout_ms);
+}
+
+ClientError DecoderClient::init_audio(uint32_t codec_index, const AudioInitParams& params,
+                                      const void* config, size_t config_size,
+                                      ExchangeResult* result, int timeout_ms) {
+    return finish(write_init_audio(codec_index, params, config, config_size), kInit, result,
+                  timeout_ms);
+}
+
+ClientError DecoderClient::decode_frame(const void* data, size_t size, int64_t pts,
+                                        ExchangeResult* result, int timeout_ms) {
+    return finish(write_decode_frame(data, size, pts), "decode frame", result, timeout_ms);
+}
+
+ClientError DecoderClient::flush(int timeout_ms) {
+    return finish(write_request_type(REQUEST_FLUSH), "flush", nullptr, timeout_ms);
+}
+
+ClientError DecoderClient::codec_config(const void* data, size_t size, int timeout_ms) {
+    return finish(write_codec_config(data, size), "codec config", nullptr, timeout_ms);
+}
+
+ClientError DecoderClient::reset_video(int32_t out_width, int32_t out_height,
+                                       PixelFormat out_pix_fmt, int timeout_ms) {
+    return finish(write_reset_video(out_width, out_height, out_pix_fmt), "reset", nullptr,
+                  timeout_ms);
+}
+
+ClientError DecoderClient::reset_audio(SampleFormat out_sample_fmt, int32_t out_channels,
+                                       int32_t out_sample_rate, int timeout_ms) {
+    return finish(write_reset_audio(out_sample_fmt, out_channels, out_sample_rate), "reset",
+                  nullptr, timeout_ms);
+}
+
+ClientError DecoderClient::destroy(int timeout_ms) {
+    return finish(write_request_type(REQUEST_DESTROY_CONTEXT), "destroy", nullptr, timeout_ms);
+}
+
+}  // namespace mediaclient

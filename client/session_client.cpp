@@ -1,0 +1,206 @@
+// The session client: registers for the container session and answers the service's pings.
+#include "client/client_internal.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace mediaclient {
+
+using namespace protocol;
+using internal::close_fd;
+using internal::is_disconnect_errno;
+using internal::kMaxPassedFds;
+using internal::kSignalBufferSize;
+using internal::send_retry;
+
+SessionClient::~SessionClient() {
+    close();
+}
+
+void SessionClient::close() {
+    stop_answering();
+    close_fd(fd_);
+}
+
+ClientError SessionClient::connect(const std::string& socket_path, pid_t pid) {
+    close();
+    disconnected_ = false;
+    pings_ = 0;
+    first_ping_fd_count_ = -1;
+    later_ping_fd_count_ = 0;
+
+    const std::string path = socket_path.empty() ? default_socket_path() : socket_path;
+    fd_ = connect_service(path);
+    if (fd_ < 0) {
+        errno_ = errno;
+        return fail(ClientError::kSystem, "connect to " + path);
+    }
+    // The service wants one descriptor with every client type msg; the session has no use for
+    // it, so pass /dev/null.
+    int null_fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    if (null_fd < 0) {
+        errno_ = errno;
+        close_fd(fd_);
+        return fail(ClientError::kSystem, "open /dev/null");
+    }
+    int ret = send_client_type_msg(fd_, CLIENT_TYPE_SESSION, "", null_fd, pid);
+    errno_ = errno;
+    ::close(null_fd);
+    if (ret < 0) {
+        close_fd(fd_);
+        return fail(ClientError::kSystem, "register as the session client at " + path);
+    }
+    return ClientError::kOk;
+}
+
+ClientError SessionClient::respond() {
+    const ClientError sent = send_response();
+    return sent == ClientError::kOk ? sent : fail(sent, "answer a ping");
+}
+
+// Also on the answering thread: no error text here.
+ClientError SessionClient::send_response() {
+    if (fd_ < 0) {
+        return ClientError::kNotConnected;
+    }
+    const uint8_t byte = PING_MSG_BYTE;
+    if (send_retry(fd_, &byte, 1) < 0) {
+        errno_ = errno;
+        if (is_disconnect_errno(errno_)) {
+            disconnected_ = true;
+            return ClientError::kDisconnected;
+        }
+        return ClientError::kSystem;
+    }
+    return ClientError::kOk;
+}
+
+ClientError SessionClient::read_ping(bool answer) {
+    uint8_t buf[kSignalBufferSize];
+    iovec iov{buf, sizeof(buf)};
+    union {
+        cmsghdr align;
+        char buf[CMSG_SPACE(sizeof(int) * kMaxPassedFds)];
+    } control;
+    msghdr msg{};
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control.buf;
+    msg.msg_controllen = sizeof(control.buf);
+
+    ssize_t n;
+    do {
+        n = ::recvmsg(fd_, &msg, MSG_CMSG_CLOEXEC);
+    } while (n < 0 && errno == EINTR);
+    if (n < 0) {
+        errno_ = errno;
+        if (is_disconnect_errno(errno_)) {
+            disconnected_ = true;
+            return ClientError::kDisconnected;
+        }
+        return ClientError::kSystem;
+    }
+
+    // The service passes a descriptor with the first ping only; nothing here uses it.
+    int fd_count = 0;
+    for (cmsghdr* cmsg = CMSG_FIRSTHDR(&msg); cmsg != nullptr; cmsg = CMSG_NXTHDR(&msg, cmsg)) {
+        if (cmsg->cmsg_level == SOL_SOCKET && cmsg->cmsg_type == SCM_RIGHTS) {
+            size_t count = (cmsg->cmsg_len - CMSG_LEN(0)) / sizeof(int);
+            for (size_t i = 0; i < count; ++i) {
+                int passed;
+                memcpy(&passed, CMSG_DATA(cmsg) + i * sizeof(int), sizeof(int));
+                ::close(passed);
+            }
+            fd_count += static_cast<int>(count);
+        }
+    }
+    if (n == 0) {
+        disconnected_ = true;
+        return ClientError::kDisconnected;
+    }
+    if (pings_.load() == 0) {
+        first_ping_fd_count_ = fd_count;
+    } else {
+        later_ping_fd_count_ += fd_count;
+    }
+    ++pings_;
+    return answer ? send_response() : ClientError::kOk;
+}
+
+ClientError SessionClient::answer_ping(int timeout_ms, bool answer) {
+    const std::string doing = "wait " + std::to_string(timeout_ms) + " ms for a ping";
+    if (fd_ < 0) {
+        return fail(ClientError::kNotConnected, doing);
+    }
+    ClientError ready = wait_readable(fd_, timeout_ms);
+    if (ready != ClientError::kOk) {
+        errno_ = errno;
+        return fail(ready, doing);
+    }
+    ClientError read = read_ping(answer);
+    return read == ClientError::kOk ? read : fail(read, "read and answer a ping");
+}
+
+ClientError SessionClient::start_answering() {
+    if (fd_ < 0) {
+        return fail(ClientError::kNotConnected, "start answering pings");
+    }
+    if (thread_.joinable()) {
+        return ClientError::kOk;
+    }
+    ClientError first = respond();
+    if (first != ClientError::kOk) {
+        return first;
+    }
+    if (::pipe2(stop_fd_, O_CLOEXEC) < 0) {
+        errno_ = errno;
+        return fail(ClientError::kSystem, "make the answering thread's stop pipe");
+    }
+    thread_ = std::thread(&SessionClient::answering_loop, this);
+    return ClientError::kOk;
+}
+
+void SessionClient::stop_answering() {
+    if (thread_.joinable()) {
+        const char byte = 0;
+        ssize_t n;
+        do {
+            n = ::write(stop_fd_[1], &byte, 1);
+        } while (n < 0 && errno == EINTR);
+        thread_.join();
+    }
+    close_fd(stop_fd_[0]);
+    close_fd(stop_fd_[1]);
+}
+
+void SessionClient::answering_loop() {
+    for (;;) {
+        pollfd pfds[2] = {{fd_, POLLIN, 0}, {stop_fd_[0], POLLIN, 0}};
+        int ret = ::poll(pfds, 2, -1);
+        if (ret < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            errno_ = errno;
+            return;
+        }
+        if (pfds[1].revents != 0) {
+            return;
+        }
+        if (pfds[0].revents != 0 && read_ping(true) != ClientError::kOk) {
+            return;
+        }
+    }
+}
+
+ClientError SessionClient::fail(ClientError error, const std::string& doing) {
+    error_text_ = internal::error_text_of(error, doing, errno_);
+    return error;
+}
+
+}  // namespace mediaclient
