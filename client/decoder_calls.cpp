@@ -56,14 +56,18 @@ ClientError DecoderClient::ring_for(const char* request, size_t bytes) {
 }
 
 ClientError DecoderClient::wait_for(const char* request, int timeout_ms) {
-    std::string doing = "wait " + std::to_string(timeout_ms) + " ms for the answer to " + request;
+    const std::string doing = std::string("wait for the answer to ") + request;
     if (fd_ < 0) {
         return fail(ClientError::kNotConnected, doing);
     }
     ClientError ready = wait_readable(fd_, timeout_ms);
-    if (ready == ClientError::kTimeout && decoder_ended_) {
-        doing +=
-            " (the service ended this connection's decoder when its init failed: connect again)";
+    if (ready == ClientError::kTimeout) {
+        error_text_ = std::string(request) + ": no answer within " + std::to_string(timeout_ms) +
+                      " ms" +
+                      (decoder_ended_ ? " (the service ended this connection's decoder when its "
+                                        "init failed: connect again)"
+                                      : "");
+        return ready;
     }
     if (ready != ClientError::kOk) {
         errno_ = errno;

@@ -544,6 +544,12 @@ TEST(CodecTables, EveryRowIsFFmpegsCodec) {
                                        &r, kWaitMs),
                   ClientError::kOk);
         EXPECT_EQ(r.status, refused.count(name) ? STATUS_FAILED : STATUS_OK);
+        if (refused.count(name)) {  // the failed init ended the worker, and the library says so
+            EXPECT_EQ(c.flush(300), ClientError::kTimeout);
+            EXPECT_EQ(c.last_error_text(),
+                      "flush: no answer within 300 ms (the service ended this connection's decoder "
+                      "when its init failed: connect again)");
+        }
     }
 }
 
