@@ -216,6 +216,7 @@ class SessionClient {
     ClientError start_answering();
     void stop_answering();
 
+    // Whether connect() succeeded and close() has not been called since.
     bool connected() const { return fd_ >= 0; }
     // Set once the service closed the connection (seen by answer_ping or the answering thread).
     bool disconnected() const { return disconnected_.load(); }
@@ -223,10 +224,13 @@ class SessionClient {
     // Descriptors that came with each ping: the first ping carries one, later pings none.
     int first_ping_fd_count() const { return first_ping_fd_count_.load(); }
     int later_ping_fd_count() const { return later_ping_fd_count_.load(); }
+    // The errno of the last system call that failed (also one of the answering thread).
     int last_errno() const { return errno_; }
     // What the last call that failed was doing and why; empty before any failure.
     const std::string& last_error_text() const { return error_text_; }
+    // The connection's socket, -1 without one.
     int fd() const { return fd_; }
+    // Stops answering and disconnects: the service then stops itself.
     void close();
 
   private:
@@ -271,13 +275,19 @@ class DecoderClient {
     // or, when -1, a new memfd of SHM_BLOCK_SIZE bytes. The block is mapped here as well.
     ClientError connect_descriptor(const std::string& socket_path = "", int shm_fd = -1);
 
+    // Whether a connect succeeded and close() has not been called since.
     bool connected() const { return fd_ >= 0; }
+    // The connection's socket, -1 without one.
     int fd() const { return fd_; }
+    // The POSIX shared memory object's name (connect_posix), else empty.
     const std::string& shm_name() const { return shm_name_; }
+    // The errno of the last system call that failed.
     int last_errno() const { return errno_; }
     // What the last call that failed was doing and why ("connect to PATH: Connection refused (is
     // the service running?)", "out_width 0: ..."); empty before any failure.
     const std::string& last_error_text() const { return error_text_; }
+    // Disconnects (the service then releases the decoder), unmaps the block and unlinks the
+    // object connect_posix() made. The object can connect again.
     void close();
 
     // On by default: requests that the service can only fail (a codec row beyond its table, an
