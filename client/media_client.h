@@ -28,7 +28,7 @@
 //   without an error. H.264 and HEVC come either in Annex B form (start codes), their parameter
 //   sets in the first access unit, or length-prefixed (as MP4 holds them) with the avcC or hvcC
 //   record as configuration bytes at init. A packet of parameter sets or SEI alone is answered
-//   STATUS_FAILED, although the decoder keeps them and later packets decode.
+//   STATUS_FAILED for H.264 (STATUS_NEED_MORE_DATA for HEVC), though the decoder keeps them.
 // - Configuration bytes (FFmpeg's extradata: avcC, hvcC, an AAC AudioSpecificConfig) go with the
 //   init. Decoders read them when they open: codec_config() appends bytes to an open decoder, which
 //   the H.264 and HEVC decoders do not read again, and a reset opens the decoder without them.
