@@ -35,6 +35,7 @@ FILE* current_stream() {
 // the stream (daemon() redirects the descriptor after the static initialisers, before any line).
 enum StreamKind { kUnknown, kWrites, kDiscards };
 std::atomic<int> stream_kind{kUnknown};
+std::atomic<bool> log_off{false};
 
 bool is_dev_null(FILE* stream) {
     struct stat st;
@@ -111,6 +112,9 @@ void SvcLogWrite(int level, const char* module, const char* file, int line, cons
 // and "log file switched: <destination>".
 void SvcLogFile(const char* path) {
     std::lock_guard<std::mutex> lock(log_mutex);
+    if (log_off.load()) {
+        return;
+    }
     stream_kind.store(kUnknown, std::memory_order_relaxed);
     log_stream = current_stream();
     if (path != nullptr) {
@@ -138,6 +142,12 @@ void SvcLogFile(const char* path) {
     } else {
         fflush(stdout);
     }
+}
+
+void SvcLogOff() {
+    std::lock_guard<std::mutex> lock(log_mutex);
+    log_off.store(true);
+    stream_kind.store(kDiscards, std::memory_order_relaxed);
 }
 
 LogCloseGuard::~LogCloseGuard() {

@@ -15,6 +15,9 @@ void SvcLogWrite(int level, const char* module, const char* file, int line, cons
 
 // Switches the output to the file at `path` (appending), or back to standard output when null.
 void SvcLogFile(const char* path);
+// Drops every line from now on, the switch messages too: for the tools, which run the decoding
+// in-process and write their own output to standard output.
+void SvcLogOff();
 
 class LogCloseGuard {
   public:

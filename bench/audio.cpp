@@ -22,7 +22,7 @@ void bench_audio(Service& s, const Stream& clip, int runs) {
     const int out_fmt = AV_SAMPLE_FMT_S16, out_channels = 2, out_rate = 44100;
     mediaclient::DecoderClient client;
     check(client.connect_posix(s.socket), "decoder client");
-    std::unique_ptr<LocalAudioDecoder> local_decoder;
+    std::unique_ptr<InProcessDecoder> local_decoder;
 
     Contender service;
     const mediaclient::AudioInitParams params =
@@ -44,10 +44,9 @@ void bench_audio(Service& s, const Stream& clip, int runs) {
 
     Contender local;
     local.reset = [&] {
-        local_decoder.reset(new LocalAudioDecoder());
-        std::string error;
-        if (!local_decoder->open(clip.info.codec_id, params, clip.info.extradata, &error)) {
-            die("in-process audio decoder: %s", error.c_str());
+        local_decoder.reset(new InProcessDecoder());
+        if (!local_decoder->init_audio(clip.info.codec_id, params, clip.info.extradata)) {
+            die("the in-process audio decoder could not be set up");
         }
     };
     local.run = [&clip, decode = in_process(local_decoder)](size_t from, size_t to) {
@@ -66,7 +65,7 @@ void bench_audio(Service& s, const Stream& clip, int runs) {
     const double scpu = service.cpu_secs * 1e6 / service.packets;
     const double lcpu = local.cpu_secs * 1e6 / local.packets;
     add_row({"AAC, CPU per packet (service + client)", fmt("%.0f us", scpu),
-             fmt("%.0f us same work", lcpu), fmt("%.3f", lcpu / scpu), ""});
+             fmt("%.0f us in-process", lcpu), fmt("%.3f", lcpu / scpu), ""});
 }
 
 }  // namespace mediabench

@@ -163,12 +163,9 @@ void init_video(mediaclient::DecoderClient& client, const Stream& clip, int pix_
     }
 }
 
-void open_local(LocalVideoDecoder& decoder, const Stream& clip, int pix_fmt,
-                LocalVideoDecoder::Output mode) {
-    std::string error;
-    if (!decoder.open(clip.info.codec_id, video_params(clip, pix_fmt), clip.info.extradata, mode,
-                      &error)) {
-        die("in-process decoder: %s", error.c_str());
+void init_video(InProcessDecoder& decoder, const Stream& clip, int pix_fmt) {
+    if (!decoder.init_video(clip.info.codec_id, video_params(clip, pix_fmt), clip.info.extradata)) {
+        die("the in-process video decoder could not be set up");
     }
 }
 

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "client/media_client.h"
-#include "tools/local_decoder.h"
+#include "tools/in_process.h"
 #include "tools/media_file.h"
 
 namespace mediabench {
@@ -66,8 +66,7 @@ double load_average();
 // Every figure decodes the clip at its own size.
 mediaclient::VideoInitParams video_params(const mediatools::Stream& clip, int pix_fmt);
 void init_video(mediaclient::DecoderClient& client, const mediatools::Stream& clip, int pix_fmt);
-void open_local(mediatools::LocalVideoDecoder& decoder, const mediatools::Stream& clip, int pix_fmt,
-                mediatools::LocalVideoDecoder::Output mode);
+void init_video(mediatools::InProcessDecoder& decoder, const mediatools::Stream& clip, int pix_fmt);
 
 // Decodes one packet, through the service or in-process, and returns the answer.
 using DecodeOne = std::function<mediatools::Answer(const mediatools::Packet& packet)>;

@@ -64,17 +64,19 @@ long decode_all(mediaclient::DecoderClient& client, const Stream& clip) {
     return failed;
 }
 
-// The 1080p client: every answer and picture against the in-process model; the first mismatch.
+// The 1080p client: every answer and picture against the same decoding in-process; the first
+// mismatch.
 long decode_exact(mediaclient::DecoderClient& client, const Stream& clip) {
-    LocalVideoDecoder model;
-    open_local(model, clip, AV_PIX_FMT_YUV420P, LocalVideoDecoder::Output::kScaleOnly);
+    InProcessDecoder in_process;
+    init_video(in_process, clip, AV_PIX_FMT_YUV420P);
     init_video(client, clip, AV_PIX_FMT_YUV420P);
     for (size_t i = 0; i < clip.packets.size(); ++i) {
         const Packet& p = clip.packets[i];
         ExchangeResult r{};
         check(client.decode_frame(p.data.data(), p.data.size(), p.pts_us, &r), "decode");
-        const Answer want = model.decode(p.data.data(), static_cast<int>(p.data.size()), p.pts_us);
-        if (!(answer_of(r) == want) || memcmp(client.output(), model.output(), want.size) != 0) {
+        const Answer want = in_process.decode(p);
+        if (!(answer_of(r) == want) ||
+            memcmp(client.output(), in_process.output(), want.size) != 0) {
             return static_cast<long>(i);
         }
     }

@@ -23,7 +23,7 @@ namespace {
 // One level of concurrency: `n` decoder clients of the service, or `n` in-process decoders.
 struct Level {
     std::vector<std::unique_ptr<mediaclient::DecoderClient>> clients;
-    std::vector<std::unique_ptr<LocalVideoDecoder>> decoders;
+    std::vector<std::unique_ptr<InProcessDecoder>> decoders;
     std::vector<DecodeOne> members;  // how each member of the team decodes
     std::unique_ptr<Team> team;
     Contender contender;
@@ -52,8 +52,8 @@ void make_level(Level* level, Service* s, const Stream& clip, int n) {
     } else {
         c.reset = [level, &clip] {
             for (auto& decoder : level->decoders) {
-                decoder.reset(new LocalVideoDecoder());
-                open_local(*decoder, clip, pix_fmt, LocalVideoDecoder::Output::kLikeService);
+                decoder.reset(new InProcessDecoder());
+                init_video(*decoder, clip, pix_fmt);
             }
         };
         c.cpu = own_process_cpu;

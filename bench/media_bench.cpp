@@ -16,6 +16,7 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include "base/log.h"
 #include "bench/bench.h"
 #include "bench/sections.h"
 #include "tools/media_file.h"
@@ -28,11 +29,10 @@ namespace {
 const char kUsage[] =
     "Usage: media-bench --video FILE --audio FILE [options]\n"
     "\n"
-    "Measures the media service against in-process FFmpeg and prints one table:\n"
+    "Measures the media service against its own decoding in-process and prints one table:\n"
     "  - throughput of the video (1080p H.264) decoded through the service to the same size in\n"
-    "    yuv420p and in rgba, against a plain in-process decode + conversion into a buffer, and\n"
-    "    against the same work in-process as the service did it before it released pages\n"
-    "    (decode, conversion into a 16 MiB area, rest of the area written with zeros);\n"
+    "    yuv420p and in rgba, against the same decoding and conversion in-process (the service's\n"
+    "    codec over a 16 MiB area of its own, in software);\n"
     "  - the round trip of a request that decodes nothing (flush without a decoder), median and\n"
     "    99th percentile, against a bare sequenced-packet ping-pong between two processes, with\n"
     "    the threads where the scheduler puts them and with every thread on one CPU, and the CPU\n"
@@ -249,6 +249,7 @@ void print_heading(const Bench& b, double load_before, Clock::time_point start) 
 }  // namespace
 
 int main(int argc, char** argv) {
+    SvcLogOff();  // the in-process decoding would write the service's log lines
     Bench b;
     int exit_code = 0;
     if (!parse_options(argc, argv, &b.opt, &exit_code)) {

@@ -14,6 +14,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 namespace mediaclient {
 namespace protocol {
@@ -21,6 +22,14 @@ namespace protocol {
 // The service's socket, under the user's runtime directory ($XDG_RUNTIME_DIR, or /run/user/<euid>
 // when that is unset).
 constexpr const char* SOCKET_PATH_IN_RUNTIME_DIR = "/vessa/sockets/media-service.socket";
+
+// The socket's path for `runtime_dir`, the value of XDG_RUNTIME_DIR (null when it is unset), and
+// the effective user id.
+inline std::string socket_path_for(const char* runtime_dir, unsigned euid) {
+    const std::string dir =
+        runtime_dir != nullptr ? std::string(runtime_dir) : "/run/user/" + std::to_string(euid);
+    return dir + SOCKET_PATH_IN_RUNTIME_DIR;
+}
 
 // Client type msg, byte 0: the first record of every connection, sent with the client's
 // credentials and one descriptor (a session client's is not used; a type 2 client's is its block).
@@ -44,6 +53,11 @@ constexpr size_t SHM_RESULT_OFFSET = 0x100000;
 constexpr size_t SHM_INPUT_OFFSET = 0x200000;
 constexpr size_t SHM_OUTPUT_OFFSET = 0x1200000;
 constexpr size_t SHM_AREA_SIZE = 0x1000000;  // each of the input and output areas: 16 MiB
+// Whether data of `size` bytes (a packet, configuration bytes) fits the input area: the service
+// refuses any other size.
+constexpr bool fits_area(int64_t size) {
+    return size > 0 && static_cast<uint64_t>(size) <= SHM_AREA_SIZE;
+}
 constexpr size_t SHM_RESULT_SIZE = 24;
 
 // Request codes (request header +0).

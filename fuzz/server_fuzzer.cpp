@@ -158,7 +158,7 @@ ssize_t send_record(int fd, const uint8_t* data, size_t size, const char* kinds,
 
 struct Client {
     int fd;
-    const MediaServer::decoder_handle_t* handle = nullptr;  // once registered as a decoder client
+    const MediaDecoder* decoder = nullptr;  // once registered as a decoder client
     bool sync_due = false;
 };
 
@@ -234,13 +234,13 @@ class Run {
         if (client == nullptr) {
             return;
         }
-        size_t registered = server_.decoder_handles.size();
+        size_t registered = server_.decoders().size();
         ssize_t sent = send_record(client->fd, record, length, kFdKinds[ancillary % 8],
                                    (ancillary & 8) != 0 ? &creds : nullptr);
         rung(*client, sent);
         drain();
-        if (client->handle == nullptr && server_.decoder_handles.size() > registered) {
-            client->handle = server_.decoder_handles.back().get();
+        if (client->decoder == nullptr && server_.decoders().size() > registered) {
+            client->decoder = server_.decoders().back();
         }
     }
 
@@ -251,9 +251,9 @@ class Run {
     // After a record on a decoder client: a doorbell is answered unless the worker has ended; an
     // empty record ends the client.
     void rung(Client& client, ssize_t sent) {
-        MediaDecoder* decoder = decoder_of(client);
+        const MediaDecoder* decoder = decoder_of(client);
         if (decoder != nullptr && sent == 0) {
-            client.handle = nullptr;
+            client.decoder = nullptr;
             client.sync_due = false;
         } else if (decoder != nullptr && sent > 0 && !decoder->quitting()) {
             client.sync_due = true;
@@ -261,8 +261,9 @@ class Run {
     }
 
     void call(Client* client, FuzzReader& in) {
-        MediaDecoder* decoder = client != nullptr ? decoder_of(*client) : nullptr;
-        read_request(in, decoder != nullptr && !client->sync_due ? decoder->block : nullptr);
+        const MediaDecoder* decoder = client != nullptr ? decoder_of(*client) : nullptr;
+        read_request(in,
+                     decoder != nullptr && !client->sync_due ? decoder->exchange_block() : nullptr);
         if (decoder != nullptr) {
             uint8_t doorbell = 1;
             rung(*client, send_record(client->fd, &doorbell, 1, "", nullptr));
@@ -285,11 +286,11 @@ class Run {
         }
     }
 
-    // The client's decoder while the server holds its handle.
-    MediaDecoder* decoder_of(const Client& client) const {
-        for (const auto& handle : server_.decoder_handles) {
-            if (handle.get() == client.handle) {
-                return handle->decoder.get();
+    // The client's decoder while the server holds it.
+    const MediaDecoder* decoder_of(const Client& client) const {
+        for (const MediaDecoder* decoder : server_.decoders()) {
+            if (decoder == client.decoder) {
+                return decoder;
             }
         }
         return nullptr;

@@ -8,6 +8,8 @@
 // - No handle is destroyed inside its own callback. A session or decoder client that ends feeds an
 //   event to a never-started watcher (session_terminate_io, decoder_purge_io); its callback runs
 //   later in the same loop iteration, after the handler has returned, and does the destruction.
+//   (A pending connection is the exception: its watcher does nothing after the handler that drops
+//   it, so the handler drops it at once.)
 // - A decoder handle declares fd first and decoder before io and notify, so on destruction the
 //   notify watcher is released and io stopped first, then the decoder joins its worker, and only
 //   then is the client's socket closed: a client never sees its connection closed while a worker
@@ -33,17 +35,50 @@
 #include "base/unique_fd.h"
 #include "decoder/media_decoder.h"
 
-class DeferAction;
-
 // Program name (basename of argv[0]) of process `pid`, or an empty string when it cannot be read.
 std::string get_process_exe_name(int pid);
 
 class MediaServer {
   public:
+    // The first record of a connection, once received: what the client asks to be, and what
+    // its ancillary data brought.
+    struct client_type_msg_t {
+        uint8_t client_type = 0;
+        char shm_name[SHM_NAME_MAX + 1] = {};  // type 3: the POSIX shared memory object's name
+        UniqueFd shm_fd;                       // the one descriptor passed; none when two came
+        int session_pid = -1;                  // from the sender's credentials
+    };
+
+    explicit MediaServer(const std::string& path);
+    MediaServer(const MediaServer&) = delete;
+    MediaServer& operator=(const MediaServer&) = delete;
+    virtual ~MediaServer();
+
+    void on_media_server_stopped(const std::function<void()>& callback);
+    void stop();
+
+    // The registered decoder clients' decoders, in order of registration: for the fuzz target,
+    // which plays the clients in the server's own process.
+    std::vector<const MediaDecoder*> decoders() const;
+
+  private:
+    // A connection that has not sent its client type msg: its descriptor and its read watcher,
+    // owned together from its acceptance until it registers (both move into a handle) or is
+    // dropped (the watcher stops, then the descriptor closes).
+    struct pending_io_t {
+        UniqueFd fd;
+        std::unique_ptr<ev::io> io;
+
+        pending_io_t() = default;
+        pending_io_t(const pending_io_t&) = delete;
+        pending_io_t& operator=(const pending_io_t&) = delete;
+        virtual ~pending_io_t();
+    };
+
     struct listen_handle_t {
         UniqueFd fd;
         std::unique_ptr<ev::io> io;
-        std::vector<std::unique_ptr<ev::io>> pending_ios;
+        std::vector<std::unique_ptr<pending_io_t>> pending_ios;
         // Pauses accepting for a moment when the process is out of descriptors or memory:
         // the listening socket stays readable then, and retrying at once would spin.
         std::unique_ptr<ev::timer> accept_retry_timer;
@@ -99,24 +134,13 @@ class MediaServer {
 
         void on_decoder_client_io_event(ev::io& io, int revents);
         void on_decoder_notify_event(ev::async& watcher, int revents);
+        // Whether the loop should spin for this request's completion rather than sleep.
+        bool awaited(SpinWait::Clock::duration short_request) const;
 
       private:
         void decoder_gone();
+        void doorbell();
     };
-
-    // The first record of a connection, once received: what the client asks to be, and what
-    // its ancillary data brought.
-    struct client_type_msg_t {
-        uint8_t client_type = 0;
-        char shm_name[SHM_NAME_MAX + 1] = {};  // type 3: the POSIX shared memory object's name
-        UniqueFd shm_fd;                       // the one descriptor passed; none when two came
-        int session_pid = -1;                  // from the sender's credentials
-    };
-
-    explicit MediaServer(const std::string& path);
-    MediaServer(const MediaServer&) = delete;
-    MediaServer& operator=(const MediaServer&) = delete;
-    virtual ~MediaServer();
 
     UniqueFd listen();
     void on_server_listen_event(ev::io& watcher, int revents);
@@ -126,9 +150,16 @@ class MediaServer {
     void on_decoder_purge_io_event(ev::io& watcher, int revents);
     void on_loop_prepare_event(ev::prepare& watcher, int revents);
 
-    void on_media_server_stopped(const std::function<void()>& callback);
-    void stop();
+    // The pending connection of descriptor `fd`, out of the pending list; null when it is not
+    // there.
+    std::unique_ptr<pending_io_t> take_pending(int fd);
+    // Each takes the connection over, or drops it with the reason logged.
+    void register_session(std::unique_ptr<pending_io_t> pending, int session_pid);
+    void register_decoder(std::unique_ptr<pending_io_t> pending, client_type_msg_t msg);
+    // The shared memory descriptor of a decoder client; -1, with the reason logged, when none.
+    int shared_memory_of(client_type_msg_t& msg);
 
+    // All of it on the loop thread.
     std::string socket_path;
     std::unique_ptr<listen_handle_t> listen_handle;
     std::unique_ptr<session_handle_t> session_handle;
@@ -140,12 +171,4 @@ class MediaServer {
     // Runs before the loop goes to sleep; see on_loop_prepare_event.
     std::unique_ptr<ev::prepare> loop_prepare;
     SpinWait completion_spin{std::chrono::microseconds(100)};
-
-  private:
-    // Both cancel `drop_pending` once the connection is registered.
-    void register_session(ev::io& io, int session_pid, DeferAction& drop_pending);
-    void register_decoder(ev::io& io, uint8_t client_type, const char* shm_name,
-                          UniqueFd received_fd, DeferAction& drop_pending);
-    // Moves the pending watcher of `fd` out of pending_ios; null when it is not there.
-    std::unique_ptr<ev::io> take_pending(int fd);
 };

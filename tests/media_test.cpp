@@ -1,8 +1,7 @@
-// Video and audio through the daemon against the in-process model, for every codec of the tables
-// that the ffmpeg command line here can encode. Video: every answer and picture equals the model's
-// (its conversion path, which does not share the service's), and damaged packets never stop the
-// worker. Audio, into packed and planar formats: every answer, timestamp and sample, through
-// garbage; formats nothing can honour; frames too long for the area.
+// Video and audio through the daemon against a plain FFmpeg decode (the oracle), for every codec of
+// the tables that the ffmpeg command line here can encode. Video: every answer and picture, and
+// damaged packets never stop the worker. Audio, into packed and planar formats: every answer,
+// timestamp and sample, through garbage; formats nothing can honour; frames too long for the area.
 
 #include <algorithm>
 #include <climits>
@@ -22,7 +21,6 @@ extern "C" {
 #include "support/support.h"
 
 using namespace mediaclient;
-using mediatools::LocalVideoDecoder;
 
 namespace {
 
@@ -72,12 +70,16 @@ class Video : public ::testing::Test {
         ASSERT_TRUE(daemon.start());
         ASSERT_EQ(c.connect_descriptor(daemon.socket_path()), ClientError::kOk);
     }
-    void init(const Clip& s, int w, int h, int fmt) {
+    // Asks for `fmt`; the pictures come in `taken`.
+    void init(const Clip& s, int w, int h, int fmt, int taken = -1) {
         ASSERT_EQ(set_up(c, s, w, h, fmt), STATUS_OK);
-        std::string error;
-        ASSERT_TRUE(model.open(s.info.codec_id, mediatools::video_init_params(s.info, w, h, fmt),
-                               s.info.extradata, LocalVideoDecoder::Output::kScaleOnly, &error))
-            << error;
+        ASSERT_TRUE(oracle.open_video(s.info, w, h, taken < 0 ? fmt : taken, s.info.extradata));
+    }
+    // A reset rebuilds the decoder without configuration bytes.
+    void reset(const Clip& s, int w, int h, int fmt) {
+        ASSERT_EQ(c.reset_video(w, h, fmt, kWaitMs), ClientError::kOk);
+        EXPECT_EQ(c.result().status, STATUS_OK);
+        ASSERT_TRUE(oracle.open_video(s.info, w, h, fmt, {}));
     }
     // Packet `i` through both; the answer, after comparing it and the picture.
     ExchangeResult decode(const Clip& s, size_t i) {
@@ -85,15 +87,14 @@ class Video : public ::testing::Test {
         ExchangeResult r{};
         EXPECT_EQ(c.decode_frame(p.data.data(), p.data.size(), p.pts, &r, kWaitMs),
                   ClientError::kOk);
-        const mediatools::Answer want = model.decode(p.data.data(), int(p.data.size()), p.pts);
-        EXPECT_EQ(differs(r, c.output(), want, model.output()), "") << "packet " << i;
+        EXPECT_EQ(differs(r, c.output(), oracle.decode(p.data, p.pts)), "") << "packet " << i;
         return r;
     }
 
     std::unique_ptr<VirtualDisplay> display;  // outlives the daemon, whose device uses it
     Daemon daemon;
     DecoderClient c;
-    LocalVideoDecoder model;
+    Oracle oracle;
 };
 
 class VideoCodec : public Video, public ::testing::WithParamInterface<VideoRow> {};
@@ -101,7 +102,7 @@ class VideoCodec : public Video, public ::testing::WithParamInterface<VideoRow> 
 // Three outputs each: the coded size in yuv420p (lines of 176 and 88 bytes: converted through a
 // picture buffer), a downscale to rgba and an upscale to nv12 (lines that are multiples of 64
 // bytes: converted straight into the area). Then garbage.
-TEST_P(VideoCodec, MatchesTheModelThroughGarbage) {
+TEST_P(VideoCodec, MatchesTheOracleThroughGarbage) {
     if (!have_encoder(GetParam().encoder)) {
         GTEST_SKIP() << "ffmpeg here has no " << GetParam().encoder;
     }
@@ -166,10 +167,8 @@ TEST_F(Video, ResetAndOutputFormats) {
     for (size_t i = 0; i < 6; ++i) {
         decode(s, i);
     }
-    ASSERT_EQ(c.reset_video(90, 70, AV_PIX_FMT_GRAY8, kWaitMs), ClientError::kOk);
-    EXPECT_EQ(c.result().status, STATUS_OK);
+    ASSERT_NO_FATAL_FAILURE(reset(s, 90, 70, AV_PIX_FMT_GRAY8));
     EXPECT_EQ(worker_names(daemon.pid()), h264);
-    ASSERT_TRUE(model.reset(90, 70, AV_PIX_FMT_GRAY8));
     for (size_t i = 6; i < s.packets.size(); ++i) {
         decode(s, i);
     }
@@ -178,8 +177,8 @@ TEST_F(Video, ResetAndOutputFormats) {
 
     c.check_requests(false);  // the library refuses the formats beyond 186 and pal8
     for (int asked : {186, 187, 1000, INT_MIN, -1, int(AV_PIX_FMT_RGB24), int(AV_PIX_FMT_PAL8)}) {
-        ASSERT_NO_FATAL_FAILURE(init(s, 64, 48, asked));
         const int taken = asked >= 0 && asked < 187 ? asked : AV_PIX_FMT_YUV420P;
+        ASSERT_NO_FATAL_FAILURE(init(s, 64, 48, asked, taken));
         const int size = av_image_get_buffer_size(AVPixelFormat(taken), 64, 48, 1);
         // No conversion makes pal8.
         EXPECT_EQ(decode(s, 0).output_size, taken == AV_PIX_FMT_PAL8 ? 0 : uint32_t(size)) << asked;
@@ -229,8 +228,7 @@ TEST_F(Vdpau, TheConfinedServiceCannotOpenItAndSoftwareDecodes) {
         EXPECT_NE(decode(s, i).status, STATUS_FAILED) << "packet " << i;
     }
     EXPECT_EQ(daemon.count("get_hw_format"), 0u);
-    ASSERT_EQ(c.reset_video(88, 72, AV_PIX_FMT_RGBA, kWaitMs), ClientError::kOk);
-    ASSERT_TRUE(model.reset(88, 72, AV_PIX_FMT_RGBA));
+    ASSERT_NO_FATAL_FAILURE(reset(s, 88, 72, AV_PIX_FMT_RGBA));
     for (size_t i = 0; i < s.packets.size(); ++i) {
         decode(s, i);
     }
@@ -254,24 +252,22 @@ class Audio : public ::testing::Test {
         ASSERT_TRUE(daemon.start());
         ASSERT_EQ(c.connect_posix(daemon.socket_path()), ClientError::kOk);
     }
-    // Sets up the service and the model alike; the service's answer status.
+    // Sets up the service and the oracle alike; the service's answer status.
     int32_t init(const Clip& s, const AudioInitParams& p, bool with_config = true) {
         const std::vector<uint8_t> config = with_config ? s.info.extradata : std::vector<uint8_t>{};
         ExchangeResult r{};
         EXPECT_EQ(c.init_audio(s.codec_index(), p, config.data(), config.size(), &r, kWaitMs),
                   ClientError::kOk);
-        std::string error;
-        EXPECT_EQ(model.open(s.info.codec_id, p, config, &error), r.status == STATUS_OK) << error;
+        AudioInitParams taken = p;
+        taken.out_sample_rate = p.out_sample_rate > 0 ? p.out_sample_rate : 44100;
+        EXPECT_EQ(oracle.open_audio(s.info, taken, config), r.status == STATUS_OK);
         return r.status;
     }
     // A packet through both, compared; the service's answer.
     ExchangeResult decode(const std::vector<uint8_t>& p, int64_t pts) {
         ExchangeResult r{};
         EXPECT_EQ(c.decode_frame(p.data(), p.size(), pts, &r, kWaitMs), ClientError::kOk);
-        const mediatools::Answer want = model.decode(p.data(), int(p.size()), pts);
-        EXPECT_EQ(
-            differs(r, c.output(), want, model.output(), model.plane_offsets(), model.plane_size()),
-            "");
+        EXPECT_EQ(differs(r, c.output(), oracle.decode(p, pts)), "");
         return r;
     }
     // Packets [first, last) of `s`; how many gave output.
@@ -285,7 +281,7 @@ class Audio : public ::testing::Test {
 
     Daemon daemon;
     DecoderClient c;
-    mediatools::LocalAudioDecoder model;
+    Oracle oracle;
 };
 
 struct AudioRow {
@@ -315,10 +311,10 @@ const AudioRow kAudioRows[] = {
 
 class AudioCodec : public Audio, public ::testing::WithParamInterface<AudioRow> {};
 
-// The whole stream against the model, with garbage, cut and damaged packets in the middle
-// (answered as the model answers them: decoders that conceal errors give output for some) and a
+// The whole stream against the oracle, with garbage, cut and damaged packets in the middle
+// (answered as the oracle answers them: decoders that conceal errors give output for some) and a
 // flush after them; one resampler while the stream keeps its format.
-TEST_P(AudioCodec, MatchesTheModelThroughGarbage) {
+TEST_P(AudioCodec, MatchesTheOracleThroughGarbage) {
     const AudioRow& k = GetParam();
     if (!have_encoder(k.encoder)) {
         GTEST_SKIP() << "ffmpeg here has no " << k.encoder;
@@ -335,7 +331,7 @@ TEST_P(AudioCodec, MatchesTheModelThroughGarbage) {
     ASSERT_EQ(init(s, p), STATUS_OK);
     const size_t half = s.packets.size() / 2;
     EXPECT_GT(decode(s, 0, half), 0);
-    EXPECT_EQ(model.resampler_builds(), 1);
+    EXPECT_EQ(oracle.resampler_builds(), 1);
     const std::vector<uint8_t>& real = s.packets[half].data;
     std::vector<std::vector<uint8_t>> bad = {
         {real.begin(), real.begin() + long(real.size() / 2)},
@@ -353,10 +349,10 @@ TEST_P(AudioCodec, MatchesTheModelThroughGarbage) {
         decode(b, 7);
     }
     ASSERT_EQ(c.flush(kWaitMs), ClientError::kOk);
-    model.flush();
+    oracle.flush();
     EXPECT_GT(decode(s, half, s.packets.size()), 0);
-    // Garbage may decode to another layout: the service rebuilt when the model did.
-    EXPECT_EQ(daemon.count("freeing SW resample context"), size_t(model.resampler_builds() - 1));
+    // Garbage may decode to another layout: the service rebuilt when the oracle did.
+    EXPECT_EQ(daemon.count("freeing SW resample context"), size_t(oracle.resampler_builds() - 1));
 }
 
 INSTANTIATE_TEST_SUITE_P(Codecs, AudioCodec, ::testing::ValuesIn(kAudioRows),

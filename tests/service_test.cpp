@@ -420,7 +420,7 @@ TEST(Exhaustion, RefusesOrPausesAndRecovers) {
 // With a small budget (the hooks give the host 512 MiB: 384 MiB for decoders), a client whose
 // stream would hold more (4K H.264 with 16 references) gets -1 answers and the budget's ERROR line
 // once memory runs short, while a 1080p client beside it gets every answer and picture that the
-// model gets; sizes beyond what the budget can hold at all are refused at setup; and once the
+// oracle expects; sizes beyond what the budget can hold at all are refused at setup; and once the
 // greedy client has left, the service's resident memory is back where it was.
 TEST(MemoryBudget, AClientOverItGivesWayAndItsMemoryComesBack) {
     const Clip& greedy = clip("budget-4k.mp4",
@@ -436,21 +436,17 @@ TEST(MemoryBudget, AClientOverItGivesWayAndItsMemoryComesBack) {
     EXPECT_TRUE(log_has(daemon.log(), "DEBUG",
                         "memory budget for decoders: 384 MiB of 512 MiB (physical memory)"));
     Client fits(daemon, true), over(daemon, false);
-    mediatools::LocalVideoDecoder model;
-    std::string error;
+    Oracle oracle;
     ASSERT_TRUE(fits.init(small, 1920, 1080, 0));
-    ASSERT_TRUE(
-        model.open(small.info.codec_id, mediatools::video_init_params(small.info, 1920, 1080, 0),
-                   small.info.extradata, mediatools::LocalVideoDecoder::Output::kScaleOnly, &error))
-        << error;
+    ASSERT_TRUE(oracle.open_video(small.info, 1920, 1080, 0, small.info.extradata));
     auto decode_small = [&](size_t from, size_t to) {
         for (size_t i = from; i < to; ++i) {
             const auto& p = small.packets[i];
             ExchangeResult r{};
             ASSERT_EQ(fits.c.decode_frame(p.data.data(), p.data.size(), p.pts, &r, kLongWaitMs),
                       ClientError::kOk);
-            const auto want = model.decode(p.data.data(), int(p.data.size()), p.pts);
-            EXPECT_EQ(differs(r, fits.c.output(), want, model.output()), "") << "packet " << i;
+            EXPECT_EQ(differs(r, fits.c.output(), oracle.decode(p.data, p.pts)), "")
+                << "packet " << i;
         }
     };
     decode_small(0, 4);

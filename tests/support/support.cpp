@@ -385,23 +385,3 @@ int32_t set_up(mediaclient::DecoderClient& c, const Clip& s, int a, int b, int f
 bool have_encoder(const std::string& encoder) {
     return avcodec_find_encoder_by_name(encoder.c_str()) != nullptr;
 }
-
-std::string differs(const ExchangeResult& got, const uint8_t* output,
-                    const mediatools::Answer& want, const uint8_t* model_output,
-                    const std::vector<size_t>& planes, size_t plane_size) {
-    char text[160];
-    if (!(mediatools::answer_of(got) == want) || got.reserved != 0 || got.reserved2 != 0) {
-        snprintf(text, sizeof(text), "answer %d/%u/%lld, model %d/%u/%lld", got.status,
-                 got.output_size, static_cast<long long>(got.output_pts), want.status, want.size,
-                 static_cast<long long>(want.pts));
-        return text;
-    }
-    const size_t size = plane_size > 0 ? plane_size : want.size;
-    for (size_t offset : planes) {
-        if (want.status == STATUS_OK && memcmp(output + offset, model_output + offset, size) != 0) {
-            snprintf(text, sizeof(text), "bytes differ in the plane at %zu", offset);
-            return text;
-        }
-    }
-    return "";
-}

@@ -10,7 +10,8 @@
 #include <vector>
 
 #include "client/media_client.h"
-#include "tools/local_decoder.h"
+#include "support/oracle.h"
+#include "tools/in_process.h"
 #include "tools/media_file.h"
 #include "tools/proc_stat.h"
 
@@ -136,10 +137,3 @@ int32_t set_up(mediaclient::DecoderClient& c, const Clip& s, int a, int b, int f
 
 // Whether the ffmpeg command line here has the encoder: it uses the FFmpeg libraries the tests do.
 bool have_encoder(const std::string& encoder);
-
-// Empty when the service's answer and output bytes equal the model's; else what differs. The
-// output is compared plane by plane at `planes` (offsets of `plane_size` bytes each; video and
-// packed audio: one plane of the answer's size at 0).
-std::string differs(const ExchangeResult& got, const uint8_t* output,
-                    const mediatools::Answer& want, const uint8_t* model_output,
-                    const std::vector<size_t>& planes = {0}, size_t plane_size = 0);

@@ -1,30 +1,32 @@
+// Audio: the setup, and each packet decoded and resampled straight into the output area.
+
 #include <algorithm>
 #include <cstring>
 #include <new>
 
 #include "base/defer_action.h"
 #include "decoder/ffmpeg_protocol.h"
-#include "decoder/media_decoder_internal.h"
+#include "decoder/media_codec_internal.h"
 #include "decoder/memory_estimates.h"
 
-using namespace decoder_detail;
+using namespace codec_detail;
 
-bool MediaDecoder::init_audio_codec_context(AVCodecID codec_id, int in_sample_fmt, int in_channels,
-                                            int in_sample_rate, int extradata_size,
-                                            int out_sample_fmt, int out_channels,
-                                            int out_sample_rate) {
+bool MediaCodec::init_audio_codec_context(AVCodecID codec_id, int in_sample_fmt, int in_channels,
+                                          int in_sample_rate, const uint8_t* config,
+                                          int config_size, int out_sample_fmt, int out_channels,
+                                          int out_sample_rate) {
     LOGD("init audio codec context");
     DeferAction failure([this] { write_failure(); });
 
     {
-        std::unique_ptr<audio_context_t> previous = std::move(audio_ctx);
-        audio_ctx.reset(new (std::nothrow) audio_context_t());
+        std::unique_ptr<audio_context_t> previous = std::move(audio_ctx_);
+        audio_ctx_.reset(new (std::nothrow) audio_context_t());
     }
-    if (!audio_ctx) {
+    if (!audio_ctx_) {
         LOGE("out of memory!");
         return false;
     }
-    audio_context_t& state = *audio_ctx;
+    audio_context_t& state = *audio_ctx_;
     state.in_sample_rate = in_sample_rate;
     state.in_channels = in_channels;
     state.in_channel_layout = ffcompat::default_channel_layout(in_channels);
@@ -33,9 +35,9 @@ bool MediaDecoder::init_audio_codec_context(AVCodecID codec_id, int in_sample_fm
     state.out_channels = out_channels;
     state.out_sample_fmt = out_sample_fmt;
     state.out_channel_layout = ffcompat::default_channel_layout(out_channels);
-    state.setup_charge = MemoryCharge(&account);
-    state.resampler_charge = MemoryCharge(&account);
-    if (!state.setup_charge.set(memory_estimates::kClientOverhead + std::max(extradata_size, 0),
+    state.setup_charge = MemoryCharge(&account_);
+    state.resampler_charge = MemoryCharge(&account_);
+    if (!state.setup_charge.set(memory_estimates::kClientOverhead + std::max(config_size, 0),
                                 "decoder setup")) {
         return false;
     }
@@ -51,7 +53,7 @@ bool MediaDecoder::init_audio_codec_context(AVCodecID codec_id, int in_sample_fm
         LOGE("audio codec context alloc failed");
         return false;
     }
-    state.ledger = PictureLedger::attach(ctx.get(), &account, 0);
+    state.ledger = PictureLedger::attach(ctx.get(), &account_, 0);
     // No frame beyond what the output area could take in any format (a byte a sample).
     ctx->max_samples = static_cast<int64_t>(SHM_AREA_SIZE);
     ffcompat::set_context_channels(ctx.get(), in_channels);
@@ -59,7 +61,7 @@ bool MediaDecoder::init_audio_codec_context(AVCodecID codec_id, int in_sample_fm
     if (in_sample_rate > 0) {
         ctx->sample_rate = in_sample_rate;
     }
-    if (extradata_size > 0 && !append_extradata(ctx.get(), extradata_size)) {
+    if (config_size > 0 && !append_extradata(ctx.get(), config, config_size)) {
         return false;
     }
     int ret = avcodec_open2(ctx.get(), codec, nullptr);
@@ -80,8 +82,8 @@ bool MediaDecoder::init_audio_codec_context(AVCodecID codec_id, int in_sample_fm
     }
 
     state.codec_ctx = std::move(ctx);
-    packet = std::move(new_packet);
-    frame = std::move(new_frame);
+    packet_ = std::move(new_packet);
+    frame_ = std::move(new_frame);
 
     clear_result();
     failure.cancel();
@@ -92,7 +94,7 @@ bool MediaDecoder::init_audio_codec_context(AVCodecID codec_id, int in_sample_fm
 // changes; the state then records the new input format, which a reset rebuilds the decoder with.
 // A frame whose layout is missing or disagrees with its channel count is taken in the default
 // layout for that count.
-int MediaDecoder::update_resampler(audio_context_t& state, const AVFrame* frm) {
+int MediaCodec::update_resampler(audio_context_t& state, const AVFrame* frm) {
     const int n_in = ffcompat::layout_nb_channels(ffcompat::frame_channel_layout(frm));
     const int64_t layout = frame_input_layout(frm);
     if (state.swr_ctx && state.in_channels == n_in && state.in_channel_layout == layout &&
@@ -126,10 +128,9 @@ int MediaDecoder::update_resampler(audio_context_t& state, const AVFrame* frm) {
     return 0;
 }
 
-int MediaDecoder::decode_audio(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame* frm) {
+int MediaCodec::decode_audio(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame* frm) {
     LOGD("decoding audio frame");
     DeferAction failure([this] { write_failure(); });
-
     int ret = avcodec_send_packet(codec_ctx, pkt);
     if (ret < 0) {
         LOGE("sending packet to audio decoder failed");
@@ -147,20 +148,29 @@ int MediaDecoder::decode_audio(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame
         LOGE("error receiving audio frame from decoder");
         return ret;
     }
-
-    audio_context_t& state = *audio_ctx;
+    audio_context_t& state = *audio_ctx_;
     ret = update_resampler(state, frm);
     if (ret < 0) {
         return ret;
     }
+    // The packet still holds the request's pts: the output's counts from it.
+    ret = convert_samples(state, frm, pkt->pts);
+    if (ret < 0) {
+        return ret;
+    }
+    failure.cancel();
+    return 0;
+}
 
+// The frame's samples, resampled straight into the output area, and the result that says how
+// many and when. The frame is not unreferenced here; the next avcodec_receive_frame does that.
+int MediaCodec::convert_samples(audio_context_t& state, AVFrame* frm, int64_t request_pts) {
     auto** planes = static_cast<uint8_t**>(av_calloc(state.out_channels, sizeof(uint8_t*)));
     if (planes == nullptr) {
         LOGE("could not alloc converted sample pointers");
         return AVERROR(ENOMEM);
     }
     DeferAction free_planes([&planes] { av_freep(&planes); });
-
     const AVSampleFormat out_format = sample_format_from(state.out_sample_fmt);
     int needed =
         av_samples_get_buffer_size(nullptr, state.out_channels, frm->nb_samples, out_format, 0);
@@ -178,30 +188,25 @@ int MediaDecoder::decode_audio(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame
                                     "sample conversion")) {
         return AVERROR(ENOMEM);
     }
-    if (av_samples_fill_arrays(planes, nullptr, output_area(), state.out_channels, frm->nb_samples,
+    if (av_samples_fill_arrays(planes, nullptr, areas_.output, state.out_channels, frm->nb_samples,
                                out_format, 0) < 0) {
         LOGE("could not fill target audio sample pointers");
         return AVERROR_UNKNOWN;
     }
-
-    int n = swr_convert(state.swr_ctx.get(), planes, frm->nb_samples,
-                        const_cast<const uint8_t**>(frm->extended_data), frm->nb_samples);
+    const int n = swr_convert(state.swr_ctx.get(), planes, frm->nb_samples,
+                              const_cast<const uint8_t**>(frm->extended_data), frm->nb_samples);
     if (n < 0) {
         LOGE("could not convert audio samples");
         return n;
     }
-
     const uint32_t output_size =
         static_cast<uint32_t>(n * state.out_channels * av_get_bytes_per_sample(out_format));
     // The pts is the client's: sum in unsigned arithmetic so that a value near the end of the
     // range wraps instead of overflowing.
     const uint64_t duration = static_cast<uint64_t>(int64_t{n} * 1000000 / state.out_sample_rate);
-    const int64_t output_pts = static_cast<int64_t>(
-        static_cast<uint64_t>(read_request<int64_t>(REQ_PTS_OFFSET)) + duration);
+    const int64_t output_pts = static_cast<int64_t>(static_cast<uint64_t>(request_pts) + duration);
     write_result(STATUS_OK, output_size, output_pts);
     LOGD("audio frames: %d, frame size: %d, pts: %ld", n, static_cast<int>(output_size),
          static_cast<long>(output_pts));
-
-    failure.cancel();
     return 0;
 }

@@ -1,0 +1,165 @@
+#pragma once
+
+// One client's decoding as the protocol defines it, with nothing around it: no thread, no shared
+// memory, no event loop. The service runs one per decoder client on the client's worker, over
+// the client's exchange block (MediaDecoder, the transport); media-decode and the benchmarks run
+// one in-process over buffers of their own, so that "in-process" is the service's own work without
+// the transport.
+//
+// Each request answers in the result area and, for a decode, in the output area, as the protocol
+// says; the bytes it reads (packets, configuration bytes) come as pointers. An instance is used by
+// one thread at a time.
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "decoder/exchange_block.h"
+#include "decoder/ffmpeg_compat.h"
+#include "decoder/memory_budget.h"
+#include "decoder/picture_ledger.h"
+
+class MediaCodec {
+  public:
+    template <typename T>
+    using av_ptr = std::unique_ptr<T, std::function<void(T*)>>;
+
+    struct hw_user_data_t {
+        int32_t hw_pix_fmt = AV_PIX_FMT_NONE;
+        AVBufferRef* hw_device_ctx = nullptr;
+        // The device's picture pool, charged when the decoder asks for its surfaces and given back
+        // when a trial on the candidate fails or the context goes.
+        MemoryCharge pictures;
+    };
+
+    // Where the answers go.
+    struct Areas {
+        ExchangeResult* result;  // the result area
+        uint8_t* output;         // the output area, SHM_AREA_SIZE bytes
+        // Called after a picture of `used` bytes was written: from there to the end of the output
+        // area everything must read zero. The service releases the block's pages; in-process,
+        // zeros are written.
+        std::function<void(size_t used)> clear_after;
+    };
+
+    // How hardware devices are made and a context decodes a packet; FFmpeg's own by default. The
+    // in-process tests stand in for the devices this host lacks.
+    class HardwareSeam {
+      public:
+        virtual ~HardwareSeam() = default;
+        // av_hwdevice_ctx_create on the type's default device.
+        virtual int create_device(AVBufferRef** device, AVHWDeviceType type) const;
+        // Runs `decode` (the decode of one packet by `ctx`) and returns its result.
+        virtual int decode(AVCodecContext* ctx, const std::function<int()>& decode) const;
+    };
+
+    // `seam` outlives the instance; null means FFmpeg's own.
+    explicit MediaCodec(Areas areas, MemoryBudget& budget = MemoryBudget::service(),
+                        const HardwareSeam* seam = nullptr);
+    MediaCodec(const MediaCodec&) = delete;
+    MediaCodec& operator=(const MediaCodec&) = delete;
+    virtual ~MediaCodec();
+
+    // The requests. A setup takes its configuration bytes from `config` (`config_size` bytes, as
+    // the client put them at the start of the input area) and answers false when it failed.
+    bool init_video_codec_context(AVCodecID codec_id, int width, int height, int pix_fmt,
+                                  const uint8_t* config, int config_size, int out_width,
+                                  int out_height, int out_pix_fmt);
+    bool init_audio_codec_context(AVCodecID codec_id, int in_sample_fmt, int in_channels,
+                                  int in_sample_rate, const uint8_t* config, int config_size,
+                                  int out_sample_fmt, int out_channels, int out_sample_rate);
+    void decode_frame(const uint8_t* data, int32_t size, int64_t pts);
+    void flush();
+    void codec_config(const uint8_t* data, int32_t size);
+    // The new output: width, height and pixel format, or sample format, channels and rate.
+    void reset_context(int32_t a, int32_t b, int32_t c);
+    void destroy_context();
+
+    // The media type in use; an init request names it before its codec is looked up.
+    int32_t media_type() const { return media_type_; }
+    void set_media_type(int32_t type) { media_type_ = type; }
+    // What it decodes: "h264 sw", "h264 vaapi" (where the video decodes), "aac"; empty without a
+    // decoder.
+    std::string work() const;
+    // The video contexts, for the tests of the hardware trial: the software one, the chosen
+    // hardware one (null until one is chosen), then the candidates still waiting, in trial order.
+    // Empty without a video decoder.
+    std::vector<const AVCodecContext*> video_contexts() const;
+
+    static AVPixelFormat get_hw_format(AVCodecContext* ctx, const AVPixelFormat* pix_fmts);
+
+  private:
+    // Members are destroyed in reverse order: the contexts before their ledger and the charges.
+    struct video_context_t {
+        MemoryCharge setup_charge;       // contexts' tables, devices, configuration bytes
+        MemoryCharge conversion_charge;  // the scaler and what a picture's conversion writes
+        std::shared_ptr<PictureLedger> sw_ledger;
+        av_ptr<AVCodecContext> sw_codec_ctx;
+        av_ptr<AVCodecContext> hw_codec_ctx;
+        std::vector<av_ptr<AVCodecContext>> hw_codec_candidates;
+        av_ptr<SwsContext> sws_ctx;
+        int32_t width = 0;
+        int32_t height = 0;
+        int32_t pix_fmt = 0;
+        int32_t out_width = 0;
+        int32_t out_height = 0;
+        int32_t out_pix_fmt = 0;
+        virtual ~video_context_t();
+    };
+
+    struct audio_context_t {
+        MemoryCharge setup_charge;      // the context and its configuration bytes
+        MemoryCharge resampler_charge;  // the resampler and its buffered samples
+        std::shared_ptr<PictureLedger> ledger;
+        av_ptr<AVCodecContext> codec_ctx;
+        av_ptr<SwrContext> swr_ctx;
+        int32_t in_sample_rate = 0;
+        int32_t in_channels = 0;
+        int64_t in_channel_layout = 0;
+        int32_t in_sample_fmt = 0;
+        int32_t out_sample_rate = 0;
+        int32_t out_channels = 0;
+        int64_t out_channel_layout = 0;
+        int32_t out_sample_fmt = 0;
+        virtual ~audio_context_t();
+    };
+
+    void decode_video_branch();
+    int update_resampler(audio_context_t& state, const AVFrame* frm);
+    int decode_video(AVCodecContext* codec_ctx, AVPacket* packet, AVFrame* frame);
+    int decode_audio(AVCodecContext* codec_ctx, AVPacket* packet, AVFrame* frame);
+    bool admit_video(video_context_t& state, AVCodecID codec_id, int config_size);
+    int64_t max_pixels() const;
+    bool charge_conversion(video_context_t& state, const AVFrame* picture, int format,
+                           bool from_hardware);
+    av_ptr<AVCodecContext> open_sw_video_context(const AVCodec* codec, video_context_t& state,
+                                                 const uint8_t* config, int config_size);
+    av_ptr<AVCodecContext> open_hw_candidate(const AVCodec* codec, AVHWDeviceType type, int width,
+                                             int height, const uint8_t* config, int config_size);
+    void open_hw_candidates(const AVCodec* codec, video_context_t& state, const uint8_t* config,
+                            int config_size);
+    int hw_decoder_init(AVCodecContext* ctx, AVHWDeviceType type);
+    int decode_with(AVCodecContext* ctx);
+    int convert_picture(video_context_t& state, AVFrame* source);
+    int convert_samples(audio_context_t& state, AVFrame* frm, int64_t request_pts);
+    const char* chosen_device_name() const;
+
+    void write_result(int32_t status, uint32_t output_size, int64_t output_pts);
+    void write_failure() { write_result(STATUS_FAILED, 0, 0); }
+    void clear_result() { write_result(STATUS_OK, 0, 0); }
+    bool append_extradata(AVCodecContext* ctx, const uint8_t* bytes, int size);
+    bool charge_config(MemoryCharge& charge, int32_t size, int contexts);
+
+    // What this client's decoder holds, charged to the budget. First, so that it outlives every
+    // charge of the members below.
+    MemoryAccount account_;
+    const Areas areas_;
+    const HardwareSeam& seam_;
+    int32_t media_type_ = MEDIA_TYPE_NONE;
+    av_ptr<AVFrame> frame_;
+    av_ptr<AVPacket> packet_;
+    std::unique_ptr<video_context_t> video_ctx_;
+    std::unique_ptr<audio_context_t> audio_ctx_;
+};

@@ -1,0 +1,120 @@
+#include "tools/in_process.h"
+
+#include <sys/mman.h>
+
+#include <cstring>
+#include <new>
+
+#include "decoder/ffmpeg_protocol.h"
+#include "decoder/media_codec.h"
+
+namespace mediatools {
+
+namespace {
+
+// No device opens in-process: what runs is the service's software path, the reference for
+// --verify and the same work on every host.
+class SoftwareOnly : public MediaCodec::HardwareSeam {
+  public:
+    int create_device(AVBufferRef** /*device*/, AVHWDeviceType /*type*/) const override {
+        return AVERROR(ENODEV);
+    }
+};
+
+const SoftwareOnly software_only;
+
+}  // namespace
+
+Answer answer_of(const ExchangeResult& r) {
+    return Answer{r.status, r.output_size, r.output_pts};
+}
+
+mediaclient::VideoInitParams video_init_params(const StreamInfo& info, int out_width,
+                                               int out_height, int out_pix_fmt) {
+    mediaclient::VideoInitParams p;
+    p.coded_width = info.width;
+    p.coded_height = info.height;
+    p.coded_pix_fmt = info.pix_fmt;
+    p.out_width = out_width;
+    p.out_height = out_height;
+    p.out_pix_fmt = out_pix_fmt;
+    return p;
+}
+
+mediaclient::AudioInitParams audio_init_params(const StreamInfo& info, int out_sample_fmt,
+                                               int out_channels, int out_sample_rate) {
+    mediaclient::AudioInitParams p;
+    p.in_sample_fmt = info.sample_fmt;
+    p.in_channels = info.channels;
+    p.in_sample_rate = info.sample_rate;
+    p.out_sample_fmt = out_sample_fmt;
+    p.out_channels = out_channels;
+    p.out_sample_rate = out_sample_rate;
+    return p;
+}
+
+// The area reads zero until written, like a fresh shared memory block, and costs no memory
+// before then.
+InProcessDecoder::InProcessDecoder() : result_(new ExchangeResult{}) {
+    void* mapped =
+        mmap(nullptr, SHM_AREA_SIZE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (mapped == MAP_FAILED) {
+        throw std::bad_alloc();
+    }
+    area_ = static_cast<uint8_t*>(mapped);
+    codec_.reset(new MediaCodec({result_.get(), area_, [this](size_t used) { clear_after(used); }},
+                                MemoryBudget::service(), &software_only));
+}
+
+InProcessDecoder::~InProcessDecoder() {
+    codec_.reset();
+    munmap(area_, SHM_AREA_SIZE);
+}
+
+// Behind a picture the area reads zero, as the service's does; only what an earlier answer wrote
+// needs clearing.
+void InProcessDecoder::clear_after(size_t used) {
+    if (written_ > used) {
+        memset(area_ + used, 0, written_ - used);
+    }
+    written_ = used;
+}
+
+bool InProcessDecoder::init_video(int codec_id, const mediaclient::VideoInitParams& p,
+                                  const std::vector<uint8_t>& config) {
+    codec_->set_media_type(MEDIA_TYPE_VIDEO);
+    return codec_->init_video_codec_context(
+        static_cast<AVCodecID>(codec_id), p.coded_width, p.coded_height, p.coded_pix_fmt,
+        config.data(), static_cast<int>(config.size()), p.out_width, p.out_height, p.out_pix_fmt);
+}
+
+bool InProcessDecoder::init_audio(int codec_id, const mediaclient::AudioInitParams& p,
+                                  const std::vector<uint8_t>& config) {
+    codec_->set_media_type(MEDIA_TYPE_AUDIO);
+    return codec_->init_audio_codec_context(static_cast<AVCodecID>(codec_id), p.in_sample_fmt,
+                                            p.in_channels, p.in_sample_rate, config.data(),
+                                            static_cast<int>(config.size()), p.out_sample_fmt,
+                                            p.out_channels, p.out_sample_rate);
+}
+
+Answer InProcessDecoder::decode(const uint8_t* data, int size, int64_t pts) {
+    codec_->decode_frame(data, size, pts);
+    const Answer answer = answer_of(*result_);
+    // Planar samples lie spread over the area; a picture that follows them in a new setup
+    // clears it all.
+    if (answer.size > 0 && codec_->media_type() == MEDIA_TYPE_AUDIO) {
+        written_ = SHM_AREA_SIZE;
+    }
+    return answer;
+}
+
+bool InProcessDecoder::reset(int a, int b, int c) {
+    codec_->reset_context(a, b, c);
+    return !codec_->work().empty();
+}
+
+void InProcessDecoder::flush() {
+    codec_->flush();
+}
+
+}  // namespace mediatools
