@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <sstream>
 
+#include "base/eintr.h"
+
 namespace {
 
 // cgroup v1 reports "no limit" as the largest page count in bytes (9223372036854771712 on 4 KiB
@@ -23,8 +25,8 @@ std::string read_small_file(const std::string& path) {
     char buffer[4096];
     std::string text;
     ssize_t n;
-    while ((n = read(fd, buffer, sizeof(buffer))) > 0 || (n < 0 && errno == EINTR)) {
-        text.append(buffer, static_cast<size_t>(std::max<ssize_t>(n, 0)));
+    while ((n = retry_on_eintr([&] { return read(fd, buffer, sizeof(buffer)); })) > 0) {
+        text.append(buffer, static_cast<size_t>(n));
     }
     close(fd);
     return text;

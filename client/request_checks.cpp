@@ -224,7 +224,7 @@ std::string audio_init_refusal(uint32_t codec_index, const AudioInitParams& p) {
 
 std::string data_refusal(const char* what, size_t size, bool empty_allowed) {
     const std::string field = std::string(what) + " of " + std::to_string(size) + " bytes: ";
-    if (size > SHM_AREA_SIZE) {
+    if (size != 0 && !fits_area(static_cast<int64_t>(size))) {
         return field + "the input area holds " + std::to_string(SHM_AREA_SIZE);
     }
     return size == 0 && !empty_allowed ? field + "the service fails an empty one" : "";

@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/eintr.h"
+
 namespace mediaclient {
 
 using namespace protocol;
@@ -93,10 +95,7 @@ ClientError SessionClient::read_ping(bool answer) {
     msg.msg_control = control.buf;
     msg.msg_controllen = sizeof(control.buf);
 
-    ssize_t n;
-    do {
-        n = ::recvmsg(fd_, &msg, MSG_CMSG_CLOEXEC);
-    } while (n < 0 && errno == EINTR);
+    const ssize_t n = retry_on_eintr([&] { return ::recvmsg(fd_, &msg, MSG_CMSG_CLOEXEC); });
     if (n < 0) {
         errno_ = errno;
         if (is_disconnect_errno(errno_)) {
@@ -168,10 +167,7 @@ ClientError SessionClient::start_answering() {
 void SessionClient::stop_answering() {
     if (thread_.joinable()) {
         const char byte = 0;
-        ssize_t n;
-        do {
-            n = ::write(stop_fd_[1], &byte, 1);
-        } while (n < 0 && errno == EINTR);
+        retry_on_eintr([&] { return ::write(stop_fd_[1], &byte, 1); });
         thread_.join();
     }
     close_fd(stop_fd_[0]);
@@ -181,11 +177,8 @@ void SessionClient::stop_answering() {
 void SessionClient::answering_loop() {
     for (;;) {
         pollfd pfds[2] = {{fd_, POLLIN, 0}, {stop_fd_[0], POLLIN, 0}};
-        int ret = ::poll(pfds, 2, -1);
+        const int ret = retry_on_eintr([&] { return ::poll(pfds, 2, -1); });
         if (ret < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
             errno_ = errno;
             return;
         }

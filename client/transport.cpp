@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "base/eintr.h"
+
 namespace mediaclient {
 
 using namespace protocol;
@@ -19,19 +21,11 @@ using namespace protocol;
 namespace internal {
 
 ssize_t read_retry(int fd, void* buf, size_t size) {
-    ssize_t n;
-    do {
-        n = ::read(fd, buf, size);
-    } while (n < 0 && errno == EINTR);
-    return n;
+    return retry_on_eintr([&] { return ::read(fd, buf, size); });
 }
 
 ssize_t send_retry(int fd, const void* buf, size_t size) {
-    ssize_t n;
-    do {
-        n = ::send(fd, buf, size, MSG_NOSIGNAL);
-    } while (n < 0 && errno == EINTR);
-    return n;
+    return retry_on_eintr([&] { return ::send(fd, buf, size, MSG_NOSIGNAL); });
 }
 
 bool is_disconnect_errno(int err) {
@@ -95,14 +89,7 @@ const char* error_text(ClientError error) {
 }
 
 std::string default_socket_path() {
-    const char* runtime = getenv("XDG_RUNTIME_DIR");
-    std::string dir;
-    if (runtime != nullptr) {
-        dir = runtime;
-    } else {
-        dir = "/run/user/" + std::to_string(geteuid());
-    }
-    return dir + SOCKET_PATH_IN_RUNTIME_DIR;
+    return protocol::socket_path_for(getenv("XDG_RUNTIME_DIR"), geteuid());
 }
 
 int connect_service(const std::string& path) {
@@ -119,10 +106,8 @@ int connect_service(const std::string& path) {
     if (fd < 0) {
         return -1;
     }
-    int ret;
-    do {
-        ret = ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr));
-    } while (ret < 0 && errno == EINTR);
+    const int ret = retry_on_eintr(
+        [&] { return ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)); });
     if (ret < 0) {
         int err = errno;
         ::close(fd);
@@ -177,11 +162,7 @@ ssize_t send_record(int fd, const void* data, size_t size, const int* fds, size_
         }
     }
 
-    ssize_t n;
-    do {
-        n = ::sendmsg(fd, &msg, MSG_NOSIGNAL);
-    } while (n < 0 && errno == EINTR);
-    return n;
+    return retry_on_eintr([&] { return ::sendmsg(fd, &msg, MSG_NOSIGNAL); });
 }
 
 int send_client_type_msg(int fd, uint8_t client_type, const std::string& shm_name, int passed_fd,
@@ -210,32 +191,15 @@ int send_client_type_msg(int fd, uint8_t client_type, const std::string& shm_nam
 
 ClientError wait_readable(int fd, int timeout_ms) {
     pollfd pfd{fd, POLLIN, 0};
-    for (;;) {
-        int ret = ::poll(&pfd, 1, timeout_ms);
-        if (ret > 0) {
-            return ClientError::kOk;
-        }
-        if (ret == 0) {
-            return ClientError::kTimeout;
-        }
-        if (errno != EINTR) {
-            return ClientError::kSystem;
-        }
-    }
+    const int ret = retry_on_eintr([&] { return ::poll(&pfd, 1, timeout_ms); });
+    return ret > 0 ? ClientError::kOk : ret == 0 ? ClientError::kTimeout : ClientError::kSystem;
 }
 
 bool wait_closed(int fd, int timeout_ms) {
     // Only hang-up and errors wake this poll, so unread data does not end the wait early.
     pollfd pfd{fd, POLLRDHUP, 0};
-    for (;;) {
-        int ret = ::poll(&pfd, 1, timeout_ms);
-        if (ret > 0) {
-            return (pfd.revents & (POLLHUP | POLLRDHUP | POLLERR | POLLNVAL)) != 0;
-        }
-        if (ret == 0 || errno != EINTR) {
-            return false;
-        }
-    }
+    const int ret = retry_on_eintr([&] { return ::poll(&pfd, 1, timeout_ms); });
+    return ret > 0 && (pfd.revents & (POLLHUP | POLLRDHUP | POLLERR | POLLNVAL)) != 0;
 }
 
 }  // namespace mediaclient

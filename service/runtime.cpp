@@ -41,13 +41,10 @@ Runtime::Runtime() {
 
     set_memory_budget();
 
+    // Composed in a buffer of its own size: a longer path is cut there.
     char path[SOCKET_PATH_SIZE] = {};
-    const char* runtime_dir = getenv("XDG_RUNTIME_DIR");
-    if (runtime_dir != nullptr) {
-        snprintf(path, sizeof(path), "%s%s", runtime_dir, SOCKET_PATH_IN_RUNTIME_DIR);
-    } else {
-        snprintf(path, sizeof(path), "/run/user/%u%s", geteuid(), SOCKET_PATH_IN_RUNTIME_DIR);
-    }
+    snprintf(path, sizeof(path), "%s",
+             socket_path_for(getenv("XDG_RUNTIME_DIR"), geteuid()).c_str());
 
     media_server.reset(new MediaServer(std::string(path)));
     media_server->on_media_server_stopped([this] {

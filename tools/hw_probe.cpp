@@ -2,17 +2,12 @@
 
 #include <unistd.h>
 
+#include "decoder/av_error.h"
 #include "decoder/ffmpeg_protocol.h"
 
 namespace mediatools {
 
 namespace {
-
-std::string av_error(int err) {
-    char text[AV_ERROR_MAX_STRING_SIZE] = {};
-    av_strerror(err, text, sizeof(text));
-    return text;
-}
 
 // What each device type needs, since FFmpeg's error texts rarely say.
 std::string device_hint(const std::string& name) {
@@ -65,7 +60,7 @@ ProbeReport probe_host() {
             int ret = av_hwdevice_ctx_create(&device, type, nullptr, nullptr, 0);
             probe.opened = ret >= 0;
             if (ret < 0) {
-                probe.error = av_error(ret) + device_hint(name);
+                probe.error = AvErrorText(ret).text + device_hint(name);
                 device = nullptr;
             }
         }

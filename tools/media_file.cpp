@@ -6,18 +6,13 @@ extern "C" {
 }
 
 #include "client/media_client.h"
+#include "decoder/av_error.h"
 #include "decoder/exchange_block.h"
 #include "decoder/ffmpeg_compat.h"
 
 namespace mediatools {
 
 namespace {
-
-std::string av_error(int err) {
-    char text[AV_ERROR_MAX_STRING_SIZE] = {};
-    av_strerror(err, text, sizeof(text));
-    return text;
-}
 
 // Packet keeps the container's timestamps as they are, and says INT64_MIN for an unknown one.
 static_assert(AV_NOPTS_VALUE == INT64_MIN, "FFmpeg's unknown timestamp is INT64_MIN");
@@ -36,12 +31,12 @@ MediaFile::~MediaFile() {
 bool MediaFile::open(const std::string& path, std::string* error) {
     int ret = avformat_open_input(&fmt_, path.c_str(), nullptr, nullptr);
     if (ret < 0) {
-        *error = "cannot open " + path + ": " + av_error(ret);
+        *error = "cannot open " + path + ": " + AvErrorText(ret).text;
         return false;
     }
     ret = avformat_find_stream_info(fmt_, nullptr);
     if (ret < 0) {
-        *error = "cannot read the streams of " + path + ": " + av_error(ret);
+        *error = "cannot read the streams of " + path + ": " + AvErrorText(ret).text;
         return false;
     }
     pkt_ = av_packet_alloc();

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/eintr.h"
 #include "client/media_client.h"
 #include "tools/service_link.h"
 
@@ -28,11 +29,8 @@ bool lock_byte(int fd, short type, off_t byte) {
     lock.l_whence = SEEK_SET;
     lock.l_start = byte;
     lock.l_len = 1;
-    int ret;
-    do {
-        ret = fcntl(fd, type == F_UNLCK ? F_OFD_SETLK : F_OFD_SETLKW, &lock);
-    } while (ret < 0 && errno == EINTR);
-    return ret == 0;
+    return retry_on_eintr(
+               [&] { return fcntl(fd, type == F_UNLCK ? F_OFD_SETLK : F_OFD_SETLKW, &lock); }) == 0;
 }
 
 // Nothing of the run may stay open in the keeper: a descriptor of the run's lock file would keep
@@ -101,13 +99,9 @@ bool spawn_keeper(const std::string& socket_path, const std::string& lock_path,
         *error = std::string("fork: ") + strerror(errno);
         return false;
     }
-    while (waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
-    }
+    retry_on_eintr([&] { return waitpid(child, nullptr, 0); });
     char registered = 0;
-    ssize_t n;
-    do {
-        n = read(reader.get(), &registered, 1);
-    } while (n < 0 && errno == EINTR);
+    const ssize_t n = retry_on_eintr([&] { return read(reader.get(), &registered, 1); });
     if (n != 1) {
         *error = "started the service at " + socket_path + " but could not become its session";
         return false;

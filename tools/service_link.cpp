@@ -16,6 +16,7 @@
 #include <cstring>
 #include <vector>
 
+#include "base/eintr.h"
 #include "client/media_client.h"
 #include "decoder/exchange_block.h"
 #include "tools/proc_stat.h"
@@ -35,8 +36,7 @@ bool executable(const std::string& path) {
 
 void sleep_ms(int ms) {
     struct timespec ts = {ms / 1000, (ms % 1000) * 1000000L};
-    while (nanosleep(&ts, &ts) < 0 && errno == EINTR) {
-    }
+    retry_on_eintr([&] { return nanosleep(&ts, &ts); });
 }
 
 bool ends_with(const std::string& s, const std::string& suffix) {
@@ -175,15 +175,12 @@ bool start_service(const std::string& socket_path, const std::string& binary_arg
     }
     close(report[1]);
     int exec_errno = 0;
-    ssize_t got;
-    do {
-        got = read(report[0], &exec_errno, sizeof(exec_errno));
-    } while (got < 0 && errno == EINTR);
+    const ssize_t got =
+        retry_on_eintr([&] { return read(report[0], &exec_errno, sizeof(exec_errno)); });
     close(report[0]);
     // The service daemonises: the process we started exits at once and the daemon goes on.
     int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
+    retry_on_eintr([&] { return waitpid(child, &status, 0); });
     if (got == static_cast<ssize_t>(sizeof(exec_errno))) {
         *error = "cannot run " + binary + ": " + strerror(exec_errno);
         return false;
