@@ -134,6 +134,8 @@ class MediaCodec {
     int64_t max_pixels() const;
     bool charge_conversion(video_context_t& state, const AVFrame* picture, int format,
                            bool from_hardware);
+    av_ptr<AVCodecContext> open_audio_context(audio_context_t& state, AVCodecID codec_id,
+                                              const uint8_t* config, int config_size);
     av_ptr<AVCodecContext> open_sw_video_context(const AVCodec* codec, video_context_t& state,
                                                  const uint8_t* config, int config_size);
     av_ptr<AVCodecContext> open_hw_candidate(const AVCodec* codec, AVHWDeviceType type, int width,

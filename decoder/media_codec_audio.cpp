@@ -11,6 +11,42 @@
 
 using namespace codec_detail;
 
+// The decoder context of the state's input format with the configuration bytes, opened; null,
+// with the reason logged, when it cannot be.
+MediaCodec::av_ptr<AVCodecContext> MediaCodec::open_audio_context(audio_context_t& state,
+                                                                  AVCodecID codec_id,
+                                                                  const uint8_t* config,
+                                                                  int config_size) {
+    const AVCodec* codec = avcodec_find_decoder(codec_id);
+    if (codec == nullptr) {
+        LOGE("audio codec not found");
+        return nullptr;
+    }
+    av_ptr<AVCodecContext> ctx =
+        own_codec_context(avcodec_alloc_context3(codec), "freeing audio decoder context");
+    if (!ctx) {
+        LOGE("audio codec context alloc failed");
+        return nullptr;
+    }
+    state.ledger = PictureLedger::attach(ctx.get(), &account_, 0);
+    // No frame beyond what the output area could take in any format (a byte a sample).
+    ctx->max_samples = static_cast<int64_t>(SHM_AREA_SIZE);
+    ffcompat::set_context_channels(ctx.get(), state.in_channels);
+    ctx->sample_fmt = sample_format_from(state.in_sample_fmt);
+    if (state.in_sample_rate > 0) {
+        ctx->sample_rate = state.in_sample_rate;
+    }
+    if (config_size > 0 && !append_extradata(ctx.get(), config, config_size)) {
+        return nullptr;
+    }
+    int ret = avcodec_open2(ctx.get(), codec, nullptr);
+    if (ret < 0) {
+        LOGE("audio decoder open failed: %s", AvErrorText(ret).text);
+        return nullptr;
+    }
+    return ctx;
+}
+
 bool MediaCodec::init_audio_codec_context(AVCodecID codec_id, int in_sample_fmt, int in_channels,
                                           int in_sample_rate, const uint8_t* config,
                                           int config_size, int out_sample_fmt, int out_channels,
@@ -42,31 +78,8 @@ bool MediaCodec::init_audio_codec_context(AVCodecID codec_id, int in_sample_fmt,
         return false;
     }
 
-    const AVCodec* codec = avcodec_find_decoder(codec_id);
-    if (codec == nullptr) {
-        LOGE("audio codec not found");
-        return false;
-    }
-    av_ptr<AVCodecContext> ctx =
-        own_codec_context(avcodec_alloc_context3(codec), "freeing audio decoder context");
+    av_ptr<AVCodecContext> ctx = open_audio_context(state, codec_id, config, config_size);
     if (!ctx) {
-        LOGE("audio codec context alloc failed");
-        return false;
-    }
-    state.ledger = PictureLedger::attach(ctx.get(), &account_, 0);
-    // No frame beyond what the output area could take in any format (a byte a sample).
-    ctx->max_samples = static_cast<int64_t>(SHM_AREA_SIZE);
-    ffcompat::set_context_channels(ctx.get(), in_channels);
-    ctx->sample_fmt = sample_format_from(in_sample_fmt);
-    if (in_sample_rate > 0) {
-        ctx->sample_rate = in_sample_rate;
-    }
-    if (config_size > 0 && !append_extradata(ctx.get(), config, config_size)) {
-        return false;
-    }
-    int ret = avcodec_open2(ctx.get(), codec, nullptr);
-    if (ret < 0) {
-        LOGE("audio decoder open failed: %s", AvErrorText(ret).text);
         return false;
     }
 

@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "decoder/av_error.h"
 #include "decoder/ffmpeg_protocol.h"
 
@@ -39,15 +41,8 @@ const char* state_text(CandidateState state) {
     return "?";
 }
 
-}  // namespace
-
-ProbeReport probe_host() {
-    ProbeReport report;
-    // Silence FFmpeg's own complaints while devices are tried; the report says what failed.
-    const int level = av_log_get_level();
-    av_log_set_level(AV_LOG_QUIET);
-
-    std::vector<AVBufferRef*> devices;
+// Tries each device type the service uses; `devices` gets the opened ones (null where none).
+void probe_devices(ProbeReport& report, std::vector<AVBufferRef*>& devices) {
     for (const char* name : HW_DEVICE_TYPES) {
         DeviceProbe probe;
         probe.name = name;
@@ -78,72 +73,57 @@ ProbeReport probe_host() {
             report.other_types.push_back(name);
         }
     }
-
-    for (int i = 0; i < VIDEO_CODEC_COUNT; ++i) {
-        CodecProbe codec;
-        codec.index = i;
-        codec.name = VIDEO_CODEC_NAMES[i];
-        const AVCodec* decoder = avcodec_find_decoder(table_codec_id(MEDIA_TYPE_VIDEO, i));
-        codec.have_decoder = decoder != nullptr;
-        codec.decoder_name = decoder != nullptr ? decoder->name : "";
-        for (size_t d = 0; d < report.devices.size(); ++d) {
-            const DeviceProbe& device = report.devices[d];
-            CandidateState state = CandidateState::kNoDevice;
-            std::string surface;
-            if (decoder != nullptr && device.known) {
-                const AVPixelFormat format =
-                    hw_surface_format(decoder, av_hwdevice_find_type_by_name(device.name.c_str()));
-                if (format != AV_PIX_FMT_NONE) {
-                    const char* name = av_get_pix_fmt_name(format);
-                    surface = name != nullptr ? name : "?";
-                }
-            }
-            if (decoder != nullptr && surface.empty()) {
-                state = CandidateState::kNoConfig;
-            } else if (decoder != nullptr && device.opened) {
-                {
-                    // Open a context the way the service opens a hardware candidate.
-                    AVCodecContext* ctx = avcodec_alloc_context3(decoder);
-                    int ret = AVERROR(ENOMEM);
-                    if (ctx != nullptr) {
-                        ctx->codec_type = AVMEDIA_TYPE_VIDEO;
-                        ctx->hw_device_ctx = av_buffer_ref(devices[d]);
-                        ret = avcodec_open2(ctx, decoder, nullptr);
-                    }
-                    avcodec_free_context(&ctx);
-                    state = ret >= 0 ? CandidateState::kCandidate : CandidateState::kOpenFailed;
-                }
-            }
-            codec.per_device.push_back(state);
-            codec.hw_pix_fmt.push_back(surface);
-        }
-        report.video.push_back(codec);
-    }
-    for (int i = 0; i < AUDIO_CODEC_COUNT; ++i) {
-        CodecProbe codec;
-        codec.index = i;
-        codec.name = AUDIO_CODEC_NAMES[i];
-        const AVCodec* decoder = avcodec_find_decoder(table_codec_id(MEDIA_TYPE_AUDIO, i));
-        codec.have_decoder = decoder != nullptr;
-        codec.decoder_name = decoder != nullptr ? decoder->name : "";
-        report.audio.push_back(codec);
-    }
-
-    for (AVBufferRef*& device : devices) {
-        av_buffer_unref(&device);
-    }
-    av_log_set_level(level);
-    return report;
 }
 
-void print_probe(const ProbeReport& report, FILE* out) {
-    fprintf(out, "FFmpeg: libavcodec %s, libavutil %s\n\n", AV_STRINGIFY(LIBAVCODEC_VERSION),
-            AV_STRINGIFY(LIBAVUTIL_VERSION));
+// Whether a context of `decoder` on `device` opens, the way the service opens a hardware
+// candidate.
+bool candidate_opens(const AVCodec* decoder, AVBufferRef* device) {
+    AVCodecContext* ctx = avcodec_alloc_context3(decoder);
+    int ret = AVERROR(ENOMEM);
+    if (ctx != nullptr) {
+        ctx->codec_type = AVMEDIA_TYPE_VIDEO;
+        ctx->hw_device_ctx = av_buffer_ref(device);
+        ret = avcodec_open2(ctx, decoder, nullptr);
+    }
+    avcodec_free_context(&ctx);
+    return ret >= 0;
+}
+
+// Row `row` of a codec table; for video, what each device would make of it.
+CodecProbe probe_codec(int32_t media_type, int row, const ProbeReport& report,
+                       const std::vector<AVBufferRef*>& devices) {
+    CodecProbe codec;
+    codec.index = row;
+    codec.name = media_type == MEDIA_TYPE_VIDEO ? VIDEO_CODEC_NAMES[row] : AUDIO_CODEC_NAMES[row];
+    const AVCodec* decoder = avcodec_find_decoder(table_codec_id(media_type, row));
+    codec.have_decoder = decoder != nullptr;
+    codec.decoder_name = decoder != nullptr ? decoder->name : "";
+    for (size_t d = 0; media_type == MEDIA_TYPE_VIDEO && d < report.devices.size(); ++d) {
+        const DeviceProbe& device = report.devices[d];
+        std::string surface;
+        if (decoder != nullptr && device.known) {
+            const AVPixelFormat format =
+                hw_surface_format(decoder, av_hwdevice_find_type_by_name(device.name.c_str()));
+            const char* name = av_get_pix_fmt_name(format);
+            surface = format == AV_PIX_FMT_NONE ? "" : name != nullptr ? name : "?";
+        }
+        CandidateState state = CandidateState::kNoDevice;
+        if (decoder != nullptr && surface.empty()) {
+            state = CandidateState::kNoConfig;
+        } else if (decoder != nullptr && device.opened) {
+            state = candidate_opens(decoder, devices[d]) ? CandidateState::kCandidate
+                                                         : CandidateState::kOpenFailed;
+        }
+        codec.per_device.push_back(state);
+        codec.hw_pix_fmt.push_back(surface);
+    }
+    return codec;
+}
+
+void print_devices(const ProbeReport& report, FILE* out) {
     fprintf(out, "Hardware device types, in the order the service tries them:\n");
-    int opened = 0;
     for (const DeviceProbe& d : report.devices) {
         if (d.opened) {
-            ++opened;
             fprintf(out, "  %-6s opens (default device)\n", d.name.c_str());
         } else {
             fprintf(out, "  %-6s cannot be opened: %s\n", d.name.c_str(), d.error.c_str());
@@ -156,7 +136,9 @@ void print_probe(const ProbeReport& report, FILE* out) {
         }
         fprintf(out, "\n");
     }
+}
 
+void print_video_codecs(const ProbeReport& report, FILE* out) {
     fprintf(out, "\nVideo codecs of the service's table:\n");
     fprintf(out, "  %-3s %-11s %-11s", "#", "codec", "decoder");
     for (const DeviceProbe& d : report.devices) {
@@ -181,7 +163,35 @@ void print_probe(const ProbeReport& report, FILE* out) {
         }
         fprintf(out, " %s\n", verdict.c_str());
     }
+}
 
+}  // namespace
+
+ProbeReport probe_host() {
+    ProbeReport report;
+    // Silence FFmpeg's own complaints while devices are tried; the report says what failed.
+    const int level = av_log_get_level();
+    av_log_set_level(AV_LOG_QUIET);
+    std::vector<AVBufferRef*> devices;
+    probe_devices(report, devices);
+    for (int i = 0; i < VIDEO_CODEC_COUNT; ++i) {
+        report.video.push_back(probe_codec(MEDIA_TYPE_VIDEO, i, report, devices));
+    }
+    for (int i = 0; i < AUDIO_CODEC_COUNT; ++i) {
+        report.audio.push_back(probe_codec(MEDIA_TYPE_AUDIO, i, report, devices));
+    }
+    for (AVBufferRef*& device : devices) {
+        av_buffer_unref(&device);
+    }
+    av_log_set_level(level);
+    return report;
+}
+
+void print_probe(const ProbeReport& report, FILE* out) {
+    fprintf(out, "FFmpeg: libavcodec %s, libavutil %s\n\n", AV_STRINGIFY(LIBAVCODEC_VERSION),
+            AV_STRINGIFY(LIBAVUTIL_VERSION));
+    print_devices(report, out);
+    print_video_codecs(report, out);
     fprintf(out, "\nAudio codecs of the service's table (always decoded in software):\n");
     for (const CodecProbe& c : report.audio) {
         fprintf(out, "  %-3d %-11s %s\n", c.index, c.name.c_str(),
@@ -197,7 +207,8 @@ void print_probe(const ProbeReport& report, FILE* out) {
             "no support: the decoder has no configuration for the device type; where the device "
             "opens, the\n"
             "           service still makes a candidate, which never decodes.\n");
-    if (opened == 0) {
+    if (std::none_of(report.devices.begin(), report.devices.end(),
+                     [](const DeviceProbe& d) { return d.opened; })) {
         fprintf(out,
                 "\nNo hardware device opens here: the service decodes everything in "
                 "software.\n");

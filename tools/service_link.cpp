@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "base/eintr.h"
+#include "base/unique_fd.h"
 #include "client/media_client.h"
 #include "decoder/exchange_block.h"
 #include "tools/proc_stat.h"
@@ -94,6 +95,91 @@ bool service_listening(const std::string& socket_path) {
     return true;
 }
 
+namespace {
+
+// The service's environment: ours, with XDG_RUNTIME_DIR pointing at the socket's runtime
+// directory where the default path would not be this socket.
+std::vector<std::string> service_environment(const std::string& socket_path) {
+    std::vector<std::string> env;
+    for (char** e = environ; *e != nullptr; ++e) {
+        if (strncmp(*e, "XDG_RUNTIME_DIR=", 16) != 0) {
+            env.push_back(*e);
+        }
+    }
+    if (mediaclient::default_socket_path() != socket_path || getenv("XDG_RUNTIME_DIR") != nullptr) {
+        env.push_back("XDG_RUNTIME_DIR=" +
+                      socket_path.substr(0, socket_path.size() - kSocketSuffix.size()));
+    }
+    return env;
+}
+
+// In the forked child, which may only make async-signal-safe calls: closes everything but
+// `report`, joins the cgroup whose cgroup.procs is given, and executes the service; on failure
+// writes errno to `report`.
+[[noreturn]] void exec_service(const char* binary, char* const envp[], const char* cgroup_procs,
+                               int report) {
+    // The kernel's syscall number, since glibc before 2.34 does not name close_range.
+    if (syscall(__NR_close_range, 3, report - 1, 0) < 0 ||
+        syscall(__NR_close_range, report + 1, ~0U, 0) < 0) {
+        for (int fd = 3; fd < 1024; ++fd) {
+            if (fd != report) {
+                close(fd);
+            }
+        }
+    }
+    // "0" moves the writer itself; its children (the daemon) stay where it is.
+    const int procs = cgroup_procs[0] == 0 ? -1 : open(cgroup_procs, O_WRONLY | O_CLOEXEC);
+    if (cgroup_procs[0] == 0 || (procs >= 0 && write(procs, "0", 1) == 1)) {
+        char* const argv[] = {const_cast<char*>(binary), nullptr};
+        execve(binary, argv, envp);
+    }
+    const int err = errno;
+    ssize_t ignored = write(report, &err, sizeof(err));
+    (void)ignored;
+    _exit(127);
+}
+
+// Runs the binary, which daemonises at once; false with `error` set when it could not be run.
+bool run_service(const std::string& binary, const std::string& socket_path,
+                 const std::string& cgroup, std::string* error) {
+    // The child may only make async-signal-safe calls, so its environment is built here.
+    std::vector<std::string> env = service_environment(socket_path);
+    std::vector<char*> envp;
+    for (auto& s : env) {
+        envp.push_back(&s[0]);
+    }
+    envp.push_back(nullptr);
+    const std::string cgroup_procs = cgroup.empty() ? "" : cgroup + "/cgroup.procs";
+    // The exec error, if any, comes back through a pipe that a successful exec closes.
+    int report[2];
+    if (pipe2(report, O_CLOEXEC) < 0) {
+        *error = std::string("pipe: ") + strerror(errno);
+        return false;
+    }
+    UniqueFd reader(report[0]), writer(report[1]);
+    const pid_t child = fork();
+    if (child == 0) {
+        exec_service(binary.c_str(), envp.data(), cgroup_procs.c_str(), writer.get());
+    }
+    writer.reset();
+    if (child < 0) {
+        *error = std::string("fork: ") + strerror(errno);
+        return false;
+    }
+    int exec_errno = 0;
+    const ssize_t got =
+        retry_on_eintr([&] { return read(reader.get(), &exec_errno, sizeof(exec_errno)); });
+    // The process we started exits at once and the daemon goes on.
+    retry_on_eintr([&] { return waitpid(child, nullptr, 0); });
+    if (got == static_cast<ssize_t>(sizeof(exec_errno))) {
+        *error = "cannot run " + binary + ": " + strerror(exec_errno);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
 bool start_service(const std::string& socket_path, const std::string& binary_arg, int timeout_ms,
                    std::string* error, const std::string& cgroup) {
     if (!ends_with(socket_path, kSocketSuffix)) {
@@ -109,83 +195,14 @@ bool start_service(const std::string& socket_path, const std::string& binary_arg
             "this program or in PATH";
         return false;
     }
-    const std::string runtime_dir =
-        socket_path.substr(0, socket_path.size() - kSocketSuffix.size());
     const std::string socket_dir = socket_path.substr(0, socket_path.rfind('/'));
     if (!make_dirs(socket_dir)) {
         *error = "cannot create " + socket_dir + ": " + strerror(errno);
         return false;
     }
-
-    // The child may only make async-signal-safe calls, so its environment is built here.
-    std::vector<std::string> env_strings;
-    for (char** e = environ; *e != nullptr; ++e) {
-        if (strncmp(*e, "XDG_RUNTIME_DIR=", 16) != 0) {
-            env_strings.push_back(*e);
-        }
-    }
-    if (mediaclient::default_socket_path() != socket_path || getenv("XDG_RUNTIME_DIR") != nullptr) {
-        env_strings.push_back("XDG_RUNTIME_DIR=" + runtime_dir);
-    }
-    std::vector<char*> envp;
-    for (auto& s : env_strings) {
-        envp.push_back(&s[0]);
-    }
-    envp.push_back(nullptr);
-    char* argv[] = {const_cast<char*>(binary.c_str()), nullptr};
-    const std::string cgroup_procs = cgroup.empty() ? "" : cgroup + "/cgroup.procs";
-
-    // The exec error, if any, comes back through a pipe that a successful exec closes.
-    int report[2];
-    if (pipe2(report, O_CLOEXEC) < 0) {
-        *error = std::string("pipe: ") + strerror(errno);
+    if (!run_service(binary, socket_path, cgroup, error)) {
         return false;
     }
-    pid_t child = fork();
-    if (child < 0) {
-        *error = std::string("fork: ") + strerror(errno);
-        close(report[0]);
-        close(report[1]);
-        return false;
-    }
-    if (child == 0) {
-        // Nothing of ours may stay open in the daemon. The kernel's syscall number, since glibc
-        // before 2.34 does not name close_range.
-        if (syscall(__NR_close_range, 3, report[1] - 1, 0) < 0 ||
-            syscall(__NR_close_range, report[1] + 1, ~0U, 0) < 0) {
-            for (int fd = 3; fd < 1024; ++fd) {
-                if (fd != report[1]) {
-                    close(fd);
-                }
-            }
-        }
-        // "0" moves the writer itself; its children (the daemon) stay where it is.
-        const int procs = cgroup_procs.empty() ? -1 : open(cgroup_procs.c_str(), O_WRONLY);
-        if (!cgroup_procs.empty() && (procs < 0 || write(procs, "0", 1) != 1)) {
-            int err = errno;
-            ssize_t ignored = write(report[1], &err, sizeof(err));
-            (void)ignored;
-            _exit(127);
-        }
-        execve(binary.c_str(), argv, envp.data());
-        int err = errno;
-        ssize_t ignored = write(report[1], &err, sizeof(err));
-        (void)ignored;
-        _exit(127);
-    }
-    close(report[1]);
-    int exec_errno = 0;
-    const ssize_t got =
-        retry_on_eintr([&] { return read(report[0], &exec_errno, sizeof(exec_errno)); });
-    close(report[0]);
-    // The service daemonises: the process we started exits at once and the daemon goes on.
-    int status = 0;
-    retry_on_eintr([&] { return waitpid(child, &status, 0); });
-    if (got == static_cast<ssize_t>(sizeof(exec_errno))) {
-        *error = "cannot run " + binary + ": " + strerror(exec_errno);
-        return false;
-    }
-
     for (int waited = 0; waited <= timeout_ms; waited += 20) {
         if (service_listening(socket_path)) {
             return true;
