@@ -198,6 +198,9 @@ std::vector<std::string> worker_names(pid_t pid) {
     return names;
 }
 
+// Xvfb writes its display number to -displayfd once it takes clients, the number and its newline
+// in two writes: the pipe stays open until the newline came, since a server that finds it closed
+// in between ends itself.
 VirtualDisplay::VirtualDisplay() {
     int report[2];
     if (pipe2(report, O_CLOEXEC) != 0) {
@@ -210,17 +213,21 @@ VirtualDisplay::VirtualDisplay() {
         dup2(null_fd, STDIN_FILENO);
         dup2(null_fd, STDOUT_FILENO);
         dup2(null_fd, STDERR_FILENO);
-        fcntl(report[1], F_SETFD, 0);  // Xvfb writes its display number there
+        fcntl(report[1], F_SETFD, 0);
         execlp("Xvfb", "Xvfb", "-displayfd", fd.c_str(), "-nolisten", "tcp", "-screen", "0",
                "320x240x24", static_cast<char*>(nullptr));
         _exit(127);
     }
     close(report[1]);
     pid_ = child;
+    std::string number;
     pollfd ready{report[0], POLLIN, 0};
-    char number[16] = {};
-    if (child > 0 && poll(&ready, 1, 10000) == 1 && read(report[0], number, 15) > 0) {
-        name_ = ":" + std::string(number, strcspn(number, "\n"));
+    char c = 0;
+    while (child > 0 && c != '\n' && poll(&ready, 1, 10000) == 1 && read(report[0], &c, 1) == 1) {
+        number += c;
+    }
+    if (c == '\n') {
+        name_ = ":" + number.substr(0, number.size() - 1);
     }
     close(report[0]);
 }
