@@ -144,6 +144,21 @@ void MediaCodec::decode_frame(const uint8_t* data, int32_t size, int64_t pts) {
     }
 }
 
+int MediaCodec::receive_frame(AVCodecContext* ctx, AVFrame* frm, const char* failure_text) {
+    const int ret = avcodec_receive_frame(ctx, frm);
+    if (ret == AVERROR(EAGAIN) || ret == AVERROR_EOF) {
+        LOGD("need more data or eof reached");
+        write_result(STATUS_NEED_MORE_DATA, 0, 0);
+        av_frame_unref(frm);
+        return 0;
+    }
+    if (ret < 0) {
+        LOGE("%s", failure_text);
+        return ret;
+    }
+    return 1;
+}
+
 void MediaCodec::flush() {
     LOGD("flush decoder");
     AVCodecContext* ctx = nullptr;

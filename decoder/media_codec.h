@@ -128,6 +128,9 @@ class MediaCodec {
 
     void decode_video_branch();
     int update_resampler(audio_context_t& state, const AVFrame* frm);
+    // The frame a packet sent to `ctx` gave: 1 with it in `frm`; 0 when the decoder needs more
+    // data, which is answered; else the FFmpeg error, logged with `failure_text`.
+    int receive_frame(AVCodecContext* ctx, AVFrame* frm, const char* failure_text);
     int decode_video(AVCodecContext* codec_ctx, AVPacket* packet, AVFrame* frame);
     int decode_audio(AVCodecContext* codec_ctx, AVPacket* packet, AVFrame* frame);
     bool admit_video(video_context_t& state, AVCodecID codec_id, int config_size);

@@ -149,16 +149,11 @@ int MediaCodec::decode_audio(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame* 
         LOGE("sending packet to audio decoder failed");
         return ret;
     }
-    ret = avcodec_receive_frame(codec_ctx, frm);
-    if (ret == AVERROR_EOF || ret == AVERROR(EAGAIN)) {
-        LOGD("need more data or eof reached");
-        write_result(STATUS_NEED_MORE_DATA, 0, 0);
-        av_frame_unref(frm);
-        failure.cancel();
-        return 0;
-    }
-    if (ret < 0) {
-        LOGE("error receiving audio frame from decoder");
+    ret = receive_frame(codec_ctx, frm, "error receiving audio frame from decoder");
+    if (ret <= 0) {
+        if (ret == 0) {
+            failure.cancel();
+        }
         return ret;
     }
     audio_context_t& state = *audio_ctx_;

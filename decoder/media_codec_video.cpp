@@ -100,16 +100,11 @@ int MediaCodec::decode_video(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame* 
         LOGE("out of memory!!");
         return AVERROR(ENOMEM);
     }
-    ret = avcodec_receive_frame(codec_ctx, frm);
-    if (ret == AVERROR(EAGAIN) || ret == AVERROR_EOF) {
-        LOGD("need more data or eof reached");
-        write_result(STATUS_NEED_MORE_DATA, 0, 0);
-        av_frame_unref(frm);
-        failure.cancel();
-        return 0;
-    }
-    if (ret < 0) {
-        LOGE("error decoding packet");
+    ret = receive_frame(codec_ctx, frm, "error decoding packet");
+    if (ret <= 0) {
+        if (ret == 0) {
+            failure.cancel();
+        }
         return ret;
     }
     // Only a hardware context's opaque is its user data.
