@@ -1,42 +1,7 @@
 #pragma once
 
-#include <unistd.h>
+// The descriptor owner of the client library, under the service's own name.
 
-// Move-only owner of one file descriptor; -1 means none.
-class UniqueFd {
-  public:
-    UniqueFd() = default;
-    explicit UniqueFd(int fd) : fd_(fd) {}
-    UniqueFd(const UniqueFd&) = delete;
-    UniqueFd& operator=(const UniqueFd&) = delete;
-    UniqueFd(UniqueFd&& other) noexcept : fd_(other.release()) {}
-    UniqueFd& operator=(UniqueFd&& other) noexcept {
-        if (this != &other) {
-            reset(other.release());
-        }
-        return *this;
-    }
-    virtual ~UniqueFd() { reset(); }
+#include "client/media_unique_fd.h"
 
-    int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-    explicit operator bool() const { return valid(); }
-
-    // Gives the descriptor up without closing it.
-    int release() {
-        int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-
-    // Closes the held descriptor (errors ignored) and takes `fd`.
-    void reset(int fd = -1) {
-        if (fd_ >= 0 && fd_ != fd) {
-            ::close(fd_);
-        }
-        fd_ = fd;
-    }
-
-  private:
-    int fd_ = -1;
-};
+using mediaclient::UniqueFd;

@@ -25,8 +25,6 @@ ssize_t send_retry(int fd, const void* buf, size_t size);
 // The peer closing with our bytes still unread shows as a reset rather than end of file.
 bool is_disconnect_errno(int err);
 
-void close_fd(int& fd);
-
 // "<doing>: <strerror(err)>", with a hint where the error has a usual cause.
 std::string system_error_text(const std::string& doing, int err);
 // The text of an error met while `doing`: the system error `err` for kSystem, the refusal itself

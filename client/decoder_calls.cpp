@@ -32,7 +32,7 @@ ClientError DecoderClient::call(int timeout_ms) {
 
 ClientError DecoderClient::ring_for(const char* request, size_t bytes) {
     const std::string doing = std::string("ring the doorbell for ") + request;
-    if (fd_ < 0) {
+    if (!fd_) {
         return fail(ClientError::kNotConnected, doing);
     }
     if (bytes == 0) {
@@ -47,7 +47,7 @@ ClientError DecoderClient::ring_for(const char* request, size_t bytes) {
         buf = large.get();
     }
     memset(buf, 'D', bytes);
-    if (internal::send_retry(fd_, buf, bytes) < 0) {
+    if (internal::send_retry(fd_.get(), buf, bytes) < 0) {
         errno_ = errno;
         return fail(is_disconnect_errno(errno_) ? ClientError::kDisconnected : ClientError::kSystem,
                     doing);
@@ -57,10 +57,10 @@ ClientError DecoderClient::ring_for(const char* request, size_t bytes) {
 
 ClientError DecoderClient::wait_for(const char* request, int timeout_ms) {
     const std::string doing = std::string("wait for the answer to ") + request;
-    if (fd_ < 0) {
+    if (!fd_) {
         return fail(ClientError::kNotConnected, doing);
     }
-    ClientError ready = wait_readable(fd_, timeout_ms);
+    ClientError ready = wait_readable(fd_.get(), timeout_ms);
     if (ready == ClientError::kTimeout) {
         error_text_ = std::string(request) + ": no answer within " + std::to_string(timeout_ms) +
                       " ms" +
@@ -74,7 +74,7 @@ ClientError DecoderClient::wait_for(const char* request, int timeout_ms) {
         return fail(ready, doing);
     }
     uint8_t buf[kSignalBufferSize];
-    ssize_t n = internal::read_retry(fd_, buf, sizeof(buf));
+    ssize_t n = internal::read_retry(fd_.get(), buf, sizeof(buf));
     if (n < 0) {
         errno_ = errno;
         return fail(is_disconnect_errno(errno_) ? ClientError::kDisconnected : ClientError::kSystem,

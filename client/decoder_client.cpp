@@ -16,7 +16,6 @@
 namespace mediaclient {
 
 using namespace protocol;
-using internal::close_fd;
 using internal::is_disconnect_errno;
 using internal::kSignalBufferSize;
 
@@ -38,12 +37,12 @@ DecoderClient::~DecoderClient() {
 }
 
 void DecoderClient::close() {
-    close_fd(fd_);
+    fd_.reset();
     if (block_ != nullptr) {
         ::munmap(block_, SHM_BLOCK_SIZE);
         block_ = nullptr;
     }
-    close_fd(shm_fd_);
+    shm_fd_.reset();
     if (own_shm_name_) {
         ::shm_unlink(shm_name_.c_str());
         own_shm_name_ = false;
@@ -84,13 +83,13 @@ ClientError DecoderClient::attach(int shm_fd, uint8_t client_type, const std::st
         return mapped;
     }
     const std::string path = socket_path.empty() ? default_socket_path() : socket_path;
-    fd_ = connect_service(path);
-    if (fd_ < 0) {
+    fd_.reset(connect_service(path));
+    if (!fd_) {
         errno_ = errno;
         close();
         return fail(ClientError::kSystem, "connect to " + path);
     }
-    if (send_client_type_msg(fd_, client_type, shm_name_, shm_fd) < 0) {
+    if (send_client_type_msg(fd_.get(), client_type, shm_name_, shm_fd) < 0) {
         errno_ = errno;
         close();
         return fail(ClientError::kSystem, "register as a decoder client at " + path);
@@ -114,51 +113,51 @@ ClientError DecoderClient::connect_posix(const std::string& socket_path,
                      shm_counter.fetch_add(1));
             name = buf;
         }
-        shm_fd_ = ::shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-        if (shm_fd_ >= 0 || errno != EEXIST || !shm_name.empty()) {
+        shm_fd_.reset(::shm_open(name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+        if (shm_fd_ || errno != EEXIST || !shm_name.empty()) {
             break;
         }
     }
-    if (shm_fd_ < 0) {
+    if (!shm_fd_) {
         errno_ = errno;
         return fail(ClientError::kSystem, "create shared memory object " + name);
     }
     shm_name_ = name;
     own_shm_name_ = true;
-    if (::ftruncate(shm_fd_, SHM_BLOCK_SIZE) < 0) {
+    if (::ftruncate(shm_fd_.get(), SHM_BLOCK_SIZE) < 0) {
         errno_ = errno;
         close();
         return fail(ClientError::kSystem,
                     "size shared memory object " + name + " to " + kBlockSize);
     }
-    return attach(shm_fd_, CLIENT_TYPE_SHM_DECODER, socket_path);
+    return attach(shm_fd_.get(), CLIENT_TYPE_SHM_DECODER, socket_path);
 }
 
 ClientError DecoderClient::connect_descriptor(const std::string& socket_path, int shm_fd) {
     close();
     if (shm_fd < 0) {
-        shm_fd_ = ::memfd_create("mediaclient-block", MFD_CLOEXEC);
-        if (shm_fd_ < 0 || ::ftruncate(shm_fd_, SHM_BLOCK_SIZE) < 0) {
+        shm_fd_.reset(::memfd_create("mediaclient-block", MFD_CLOEXEC));
+        if (!shm_fd_ || ::ftruncate(shm_fd_.get(), SHM_BLOCK_SIZE) < 0) {
             errno_ = errno;
             close();
             return fail(ClientError::kSystem, "create a memfd of " + kBlockSize);
         }
-        return attach(shm_fd_, CLIENT_TYPE_ASHMEM_DECODER, socket_path);
+        return attach(shm_fd_.get(), CLIENT_TYPE_ASHMEM_DECODER, socket_path);
     }
-    shm_fd_ = ::fcntl(shm_fd, F_DUPFD_CLOEXEC, 0);
-    if (shm_fd_ < 0) {
+    shm_fd_.reset(::fcntl(shm_fd, F_DUPFD_CLOEXEC, 0));
+    if (!shm_fd_) {
         errno_ = errno;
         return fail(ClientError::kSystem, "duplicate descriptor " + std::to_string(shm_fd));
     }
     // Touching a mapping beyond the end of a file faults; ashmem regions report no size here.
     struct stat st;
-    if (::fstat(shm_fd_, &st) == 0 && S_ISREG(st.st_mode) &&
+    if (::fstat(shm_fd_.get(), &st) == 0 && S_ISREG(st.st_mode) &&
         st.st_size < static_cast<off_t>(SHM_BLOCK_SIZE)) {
         close();
         return refuse("shared memory of " + std::to_string(st.st_size) +
                       " bytes: the exchange block needs " + kBlockSize);
     }
-    return attach(shm_fd_, CLIENT_TYPE_ASHMEM_DECODER, socket_path);
+    return attach(shm_fd_.get(), CLIENT_TYPE_ASHMEM_DECODER, socket_path);
 }
 
 ExchangeResult DecoderClient::result() const {

@@ -61,6 +61,7 @@
 // Installed beside this header (include/media-service), as it is in the source tree.
 #include "media_protocol.h"
 #include "media_transport.h"
+#include "media_unique_fd.h"
 
 struct ucred;
 
@@ -217,7 +218,7 @@ class SessionClient {
     void stop_answering();
 
     // Whether connect() succeeded and close() has not been called since.
-    bool connected() const { return fd_ >= 0; }
+    bool connected() const { return fd_.valid(); }
     // Set once the service closed the connection (seen by answer_ping or the answering thread).
     bool disconnected() const { return disconnected_.load(); }
     int pings() const { return pings_.load(); }
@@ -229,7 +230,7 @@ class SessionClient {
     // What the last call that failed was doing and why; empty before any failure.
     const std::string& last_error_text() const { return error_text_; }
     // The connection's socket, -1 without one.
-    int fd() const { return fd_; }
+    int fd() const { return fd_.get(); }
     // Stops answering and disconnects: the service then stops itself.
     void close();
 
@@ -239,8 +240,8 @@ class SessionClient {
     void answering_loop();
     ClientError fail(ClientError error, const std::string& doing);
 
-    int fd_ = -1;
-    int stop_fd_[2] = {-1, -1};
+    UniqueFd fd_;
+    UniqueFd stop_read_, stop_write_;  // the answering thread's stop pipe
     std::thread thread_;
     std::atomic<bool> disconnected_{false};
     std::atomic<int> pings_{0};
@@ -276,9 +277,9 @@ class DecoderClient {
     ClientError connect_descriptor(const std::string& socket_path = "", int shm_fd = -1);
 
     // Whether a connect succeeded and close() has not been called since.
-    bool connected() const { return fd_ >= 0; }
+    bool connected() const { return fd_.valid(); }
     // The connection's socket, -1 without one.
-    int fd() const { return fd_; }
+    int fd() const { return fd_.get(); }
     // The POSIX shared memory object's name (connect_posix), else empty.
     const std::string& shm_name() const { return shm_name_; }
     // The errno of the last system call that failed.
@@ -392,8 +393,8 @@ class DecoderClient {
     ClientError finish(ClientError written, const char* request, ExchangeResult* result,
                        int timeout_ms);
 
-    int fd_ = -1;
-    int shm_fd_ = -1;
+    UniqueFd fd_;
+    UniqueFd shm_fd_;
     uint8_t* block_ = nullptr;
     std::string shm_name_;
     bool own_shm_name_ = false;

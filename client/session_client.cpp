@@ -14,7 +14,6 @@
 namespace mediaclient {
 
 using namespace protocol;
-using internal::close_fd;
 using internal::is_disconnect_errno;
 using internal::kMaxPassedFds;
 using internal::kSignalBufferSize;
@@ -26,7 +25,7 @@ SessionClient::~SessionClient() {
 
 void SessionClient::close() {
     stop_answering();
-    close_fd(fd_);
+    fd_.reset();
 }
 
 ClientError SessionClient::connect(const std::string& socket_path, pid_t pid) {
@@ -37,24 +36,23 @@ ClientError SessionClient::connect(const std::string& socket_path, pid_t pid) {
     later_ping_fd_count_ = 0;
 
     const std::string path = socket_path.empty() ? default_socket_path() : socket_path;
-    fd_ = connect_service(path);
-    if (fd_ < 0) {
+    fd_.reset(connect_service(path));
+    if (!fd_) {
         errno_ = errno;
         return fail(ClientError::kSystem, "connect to " + path);
     }
     // The service wants one descriptor with every client type msg; the session has no use for
     // it, so pass /dev/null.
-    int null_fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    if (null_fd < 0) {
+    const UniqueFd null_fd(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    if (!null_fd) {
         errno_ = errno;
-        close_fd(fd_);
+        fd_.reset();
         return fail(ClientError::kSystem, "open /dev/null");
     }
-    int ret = send_client_type_msg(fd_, CLIENT_TYPE_SESSION, "", null_fd, pid);
+    const int ret = send_client_type_msg(fd_.get(), CLIENT_TYPE_SESSION, "", null_fd.get(), pid);
     errno_ = errno;
-    ::close(null_fd);
     if (ret < 0) {
-        close_fd(fd_);
+        fd_.reset();
         return fail(ClientError::kSystem, "register as the session client at " + path);
     }
     return ClientError::kOk;
@@ -67,11 +65,11 @@ ClientError SessionClient::respond() {
 
 // Also on the answering thread: no error text here.
 ClientError SessionClient::send_response() {
-    if (fd_ < 0) {
+    if (!fd_) {
         return ClientError::kNotConnected;
     }
     const uint8_t byte = PING_MSG_BYTE;
-    if (send_retry(fd_, &byte, 1) < 0) {
+    if (send_retry(fd_.get(), &byte, 1) < 0) {
         errno_ = errno;
         if (is_disconnect_errno(errno_)) {
             disconnected_ = true;
@@ -95,7 +93,7 @@ ClientError SessionClient::read_ping(bool answer) {
     msg.msg_control = control.buf;
     msg.msg_controllen = sizeof(control.buf);
 
-    const ssize_t n = retry_on_eintr([&] { return ::recvmsg(fd_, &msg, MSG_CMSG_CLOEXEC); });
+    const ssize_t n = retry_on_eintr([&] { return ::recvmsg(fd_.get(), &msg, MSG_CMSG_CLOEXEC); });
     if (n < 0) {
         errno_ = errno;
         if (is_disconnect_errno(errno_)) {
@@ -133,10 +131,10 @@ ClientError SessionClient::read_ping(bool answer) {
 
 ClientError SessionClient::answer_ping(int timeout_ms, bool answer) {
     const std::string doing = "wait " + std::to_string(timeout_ms) + " ms for a ping";
-    if (fd_ < 0) {
+    if (!fd_) {
         return fail(ClientError::kNotConnected, doing);
     }
-    ClientError ready = wait_readable(fd_, timeout_ms);
+    ClientError ready = wait_readable(fd_.get(), timeout_ms);
     if (ready != ClientError::kOk) {
         errno_ = errno;
         return fail(ready, doing);
@@ -146,7 +144,7 @@ ClientError SessionClient::answer_ping(int timeout_ms, bool answer) {
 }
 
 ClientError SessionClient::start_answering() {
-    if (fd_ < 0) {
+    if (!fd_) {
         return fail(ClientError::kNotConnected, "start answering pings");
     }
     if (thread_.joinable()) {
@@ -156,10 +154,13 @@ ClientError SessionClient::start_answering() {
     if (first != ClientError::kOk) {
         return first;
     }
-    if (::pipe2(stop_fd_, O_CLOEXEC) < 0) {
+    int stop[2];
+    if (::pipe2(stop, O_CLOEXEC) < 0) {
         errno_ = errno;
         return fail(ClientError::kSystem, "make the answering thread's stop pipe");
     }
+    stop_read_.reset(stop[0]);
+    stop_write_.reset(stop[1]);
     thread_ = std::thread(&SessionClient::answering_loop, this);
     return ClientError::kOk;
 }
@@ -167,16 +168,16 @@ ClientError SessionClient::start_answering() {
 void SessionClient::stop_answering() {
     if (thread_.joinable()) {
         const char byte = 0;
-        retry_on_eintr([&] { return ::write(stop_fd_[1], &byte, 1); });
+        retry_on_eintr([&] { return ::write(stop_write_.get(), &byte, 1); });
         thread_.join();
     }
-    close_fd(stop_fd_[0]);
-    close_fd(stop_fd_[1]);
+    stop_read_.reset();
+    stop_write_.reset();
 }
 
 void SessionClient::answering_loop() {
     for (;;) {
-        pollfd pfds[2] = {{fd_, POLLIN, 0}, {stop_fd_[0], POLLIN, 0}};
+        pollfd pfds[2] = {{fd_.get(), POLLIN, 0}, {stop_read_.get(), POLLIN, 0}};
         const int ret = retry_on_eintr([&] { return ::poll(pfds, 2, -1); });
         if (ret < 0) {
             errno_ = errno;

@@ -32,13 +32,6 @@ bool is_disconnect_errno(int err) {
     return err == ECONNRESET || err == EPIPE || err == ENOTCONN;
 }
 
-void close_fd(int& fd) {
-    if (fd >= 0) {
-        ::close(fd);
-        fd = -1;
-    }
-}
-
 std::string system_error_text(const std::string& doing, int err) {
     std::string text = doing + ": " + strerror(err);
     // Nothing listens on the socket (a stale file) or there is no socket file at all.
