@@ -25,11 +25,6 @@ std::atomic<unsigned> shm_counter{0};
 
 const std::string kBlockSize = std::to_string(SHM_BLOCK_SIZE) + " bytes";
 
-// The audio output rate the service takes for a rate of 0 or less.
-int32_t output_rate(int32_t asked) {
-    return asked > 0 ? asked : 44100;
-}
-
 }  // namespace
 
 DecoderClient::~DecoderClient() {
@@ -220,18 +215,11 @@ ClientError DecoderClient::write_init_video(uint32_t codec_index, const VideoIni
         refuse(internal::video_init_refusal(codec_index, p)) != ClientError::kOk) {
         return ClientError::kInvalidArgument;
     }
-    ExchangeVideoInit request{REQUEST_INIT_CODEC,
-                              static_cast<uint32_t>(MEDIA_TYPE_VIDEO),
-                              codec_index,
-                              p.coded_width,
-                              p.coded_height,
-                              p.coded_pix_fmt,
-                              0,
-                              p.out_width,
-                              p.out_height,
-                              p.out_pix_fmt};
-    ClientError e = write_config(config, config_size, &request.config_size);
-    e = e == ClientError::kOk ? write_header(&request, sizeof(request)) : e;
+    // param4, the configuration size, is written with the bytes.
+    const ClientError e = write_init(MEDIA_TYPE_VIDEO, codec_index,
+                                     {p.coded_width, p.coded_height, p.coded_pix_fmt, 0,
+                                      p.out_width, p.out_height, p.out_pix_fmt},
+                                     config, config_size);
     if (e == ClientError::kOk) {
         video_output_ = VideoOutput{p.out_width, p.out_height, p.out_pix_fmt};
     }
@@ -244,21 +232,13 @@ ClientError DecoderClient::write_init_audio(uint32_t codec_index, const AudioIni
         refuse(internal::audio_init_refusal(codec_index, p)) != ClientError::kOk) {
         return ClientError::kInvalidArgument;
     }
-    ExchangeAudioInit request{REQUEST_INIT_CODEC,
-                              static_cast<uint32_t>(MEDIA_TYPE_AUDIO),
-                              codec_index,
-                              p.in_sample_fmt,
-                              p.in_channels,
-                              p.in_sample_rate,
-                              0,
-                              p.out_sample_fmt,
-                              p.out_channels,
-                              p.out_sample_rate};
-    ClientError e = write_config(config, config_size, &request.config_size);
-    e = e == ClientError::kOk ? write_header(&request, sizeof(request)) : e;
+    const ClientError e = write_init(MEDIA_TYPE_AUDIO, codec_index,
+                                     {p.in_sample_fmt, p.in_channels, p.in_sample_rate, 0,
+                                      p.out_sample_fmt, p.out_channels, p.out_sample_rate},
+                                     config, config_size);
     if (e == ClientError::kOk) {
-        audio_output_ =
-            AudioOutput{p.out_sample_fmt, p.out_channels, output_rate(p.out_sample_rate)};
+        audio_output_ = AudioOutput{p.out_sample_fmt, p.out_channels,
+                                    effective_out_sample_rate(p.out_sample_rate)};
     }
     return e;
 }
@@ -315,7 +295,8 @@ ClientError DecoderClient::write_reset_audio(SampleFormat out_sample_fmt, int32_
                                out_sample_rate};
     ClientError e = write_header(&request, sizeof(request));
     if (e == ClientError::kOk) {
-        audio_output_ = AudioOutput{out_sample_fmt, out_channels, output_rate(out_sample_rate)};
+        audio_output_ =
+            AudioOutput{out_sample_fmt, out_channels, effective_out_sample_rate(out_sample_rate)};
     }
     return e;
 }

@@ -128,6 +128,11 @@ struct ExchangeAudioInit {
     int32_t out_sample_rate;  // 0 or less: 44100
 };
 
+// The audio output rate the service takes for a requested one.
+constexpr int32_t effective_out_sample_rate(int32_t requested) {
+    return requested > 0 ? requested : 44100;
+}
+
 // A decode frame or codec config request. `pts` is copied into the packet unchanged: its unit is
 // the client's (see media_client.h for what comes back).
 struct ExchangeDataRequest {

@@ -34,11 +34,6 @@ inline int effective_out_pix_fmt(int requested) {
     return static_cast<uint32_t>(requested) >= OUT_PIX_FMT_LIMIT ? AV_PIX_FMT_YUV420P : requested;
 }
 
-// An audio output rate of 0 or less means 44100 Hz.
-inline int effective_out_sample_rate(int requested) {
-    return requested > 0 ? requested : 44100;
-}
-
 // Hardware device types, in the order the video setup makes their candidates.
 constexpr const char* HW_DEVICE_TYPES[] = {"vdpau", "cuda", "vaapi"};
 
