@@ -24,11 +24,13 @@ using namespace mediaclient;
 
 namespace {
 
-VideoInitParams video(int32_t width, int32_t height, PixelFormat format) {
-    return {0, 0, -1, width, height, format};
+// An output, and a coded geometry other than the stream's.
+VideoInitParams video(int32_t width, int32_t height, PixelFormat format, int32_t coded_width = 0,
+                      int32_t coded_height = 0, PixelFormat coded_format = -1) {
+    return {coded_width, coded_height, coded_format, width, height, format};
 }
-AudioInitParams audio(SampleFormat format, int32_t channels) {
-    return {-1, 0, 0, format, channels, 0};
+AudioInitParams audio(SampleFormat format, int32_t channels, int32_t in_channels = 0) {
+    return {-1, in_channels, 0, format, channels, 0};
 }
 
 // A request the service can only fail is refused with a text that names the field and its limit;
@@ -43,17 +45,11 @@ TEST(Library, RefusesWhatTheServiceCanOnlyFail) {
          "out_width 0: an output picture side must be 1 to 16384"},
         {[](auto& c) { return c.init_video(11u, video(64, 48, 0)); },
          "codec_index 11: a video codec row must be 0 to 10"},
-        {[](auto& c) {
-             return c.init_video(h264, {-16, 0, -1, 64, 48, "yuv420p"});
-         },
+        {[](auto& c) { return c.init_video(h264, video(64, 48, "yuv420p", -16)); },
          "coded_width -16: a coded picture side must be 0 to 16384 (0: from the stream)"},
-        {[](auto& c) {
-             return c.init_video(h264, {0, 16385, -1, 64, 48, "yuv420p"});
-         },
+        {[](auto& c) { return c.init_video(h264, video(64, 48, "yuv420p", 0, 16385)); },
          "coded_height 16385: a coded picture side must be 0 to 16384 (0: from the stream)"},
-        {[](auto& c) {
-             return c.init_video(h264, {0, 0, "yuv4200p", 64, 48, "yuv420p"});
-         },
+        {[](auto& c) { return c.init_video(h264, video(64, 48, "yuv420p", 0, 0, "yuv4200p")); },
          "coded_pix_fmt \"yuv4200p\": FFmpeg has no format of that name"},
         {[](auto& c) { return c.init_video(h264, video(64, 16385, "rgba")); },
          "out_height 16385: an output picture side must be 1 to 16384"},
@@ -77,9 +73,7 @@ TEST(Library, RefusesWhatTheServiceCanOnlyFail) {
         {[](auto& c) { return c.init_audio(12u, audio("s16", 2)); },
          "codec_index 12: an audio codec row must be 0 to 11"},
         {[](auto& c) { return c.init_audio(AudioCodec::kAac, AudioInitParams{}); }, nullptr},
-        {[](auto& c) {
-             return c.init_audio(AudioCodec::kMp2, {-1, -3, 0, "s16", 2, 0});
-         },
+        {[](auto& c) { return c.init_audio(AudioCodec::kMp2, audio("s16", 2, -3)); },
          "in_channels -3: an input channel count must be 0 (from the stream) or more"},
         {[](auto& c) { return c.init_audio(AudioCodec::kMp2, audio("s16", 9)); },
          "out_channels 9: the service has output channel layouts for 1 to 8 and 16 channels"},
