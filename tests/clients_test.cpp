@@ -203,6 +203,8 @@ TEST(OutputClear, PastThePictureTheAreaReadsZero) {
     }
 }
 
+// Every client type msg the service cannot take closes the connection with a log line that says
+// why; a hundred rounds of them leave no descriptor or thread behind.
 TEST_F(Handshake, RefusalsAreLoggedAndLeaveNothingOpen) {
     ScopedShm small(SHM_BLOCK_SIZE - 4096);  // larger than any one area, smaller than the block
     // Another object of the user's, which a client names while it passes its own: never touched.
