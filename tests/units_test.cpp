@@ -12,7 +12,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <sstream>
 
 #include <gtest/gtest.h>
 
@@ -43,25 +42,23 @@ std::string logged(const std::function<void()>& write) {
 }
 
 TEST(Log, LinesAreFormattedCutAndPrefixed) {
-    const std::string prefix = "[DEBUG] [m] f:1 ";
-    struct Case {
+    const std::string prefix = "[DEBUG] [m] f:1 ", file(241, 'f');
+    const struct {
+        int level;
         std::string file, message, line;
-        int level = SVC_LOG_DEBUG;
-    };
-    const std::vector<Case> cases = {
-        {"media_server", "client connect", "[INFO] [m] media_server:1 client connect\n",
-         SVC_LOG_INFO},
-        {"runtime", "w", "[WARN] [m] runtime:1 w\n", SVC_LOG_WARN},
-        {"media_decoder", "", "[ERROR] [m] media_decoder:1 \n", SVC_LOG_ERROR},
-        {"f", std::string(510 - prefix.size(), 'a'), prefix + std::string(494, 'a') + "\n"},
+    } cases[] = {
+        {SVC_LOG_INFO, "media_server", "connect", "[INFO] [m] media_server:1 connect\n"},
+        {SVC_LOG_WARN, "runtime", "w", "[WARN] [m] runtime:1 w\n"},
+        {SVC_LOG_ERROR, "media_decoder", "", "[ERROR] [m] media_decoder:1 \n"},
+        {SVC_LOG_DEBUG, "f", std::string(494, 'a'), prefix + std::string(494, 'a') + "\n"},
         // From 511 characters on, the line is 512 bytes: 508 of text and the "~~~" mark.
-        {"f", std::string(511 - prefix.size(), 'b'), prefix + std::string(492, 'b') + "~~~\n"},
-        {"f", std::string(2000, 'c'), prefix + std::string(492, 'c') + "~~~\n"},
+        {SVC_LOG_DEBUG, "f", std::string(495, 'b'), prefix + std::string(492, 'b') + "~~~\n"},
+        {SVC_LOG_DEBUG, "f", std::string(2000, 'c'), prefix + std::string(492, 'c') + "~~~\n"},
         // "[DEBUG] [m] " + file + ":1 " up to 256 characters; a longer prefix is dropped.
-        {std::string(241, 'f'), "message", "[DEBUG] [m] " + std::string(241, 'f') + ":1 message\n"},
-        {std::string(242, 'f'), "message", "message\n"},
+        {SVC_LOG_DEBUG, file, "message", "[DEBUG] [m] " + file + ":1 message\n"},
+        {SVC_LOG_DEBUG, file + "f", "message", "message\n"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         EXPECT_EQ(
             logged([&] { SvcLogWrite(c.level, "m", c.file.c_str(), 1, "%s", c.message.c_str()); }),
             c.line);
@@ -166,69 +163,40 @@ TEST(AshMemory, MapsAndReleasesRegionsOnly) {
 // quarter of it, and at least 64 MiB is kept.
 TEST(MemoryLimit, FromTheCgroupElseThePhysicalMemory) {
     constexpr int64_t MiB = 1 << 20, GiB = 1 << 30;
-    struct Case {
-        const char* name;
-        std::string cgroup;                                      // /proc/self/cgroup
-        std::vector<std::pair<std::string, std::string>> files;  // under /sys/fs/cgroup
+    const struct {
+        std::string cgroup, file, limit;  // /proc/self/cgroup; a file under /sys/fs/cgroup
         int64_t physical, bytes;
         std::string source;
+    } cases[] = {
+        {"0::/a/b", "a/b/memory.max", "1073741824", 8 * GiB, GiB, "cgroup v2 /a/b"},
+        // The smallest limit on the path up counts; a level without the file has none.
+        {"0::/a/b", "a/memory.max", "536870912", 8 * GiB, 512 * MiB, "cgroup v2 /a/b"},
+        {"0::/a", "a/memory.max", "max", 8 * GiB, 8 * GiB, "physical memory"},
+        {"0::/a", "a/memory.max", "17179869184", 4 * GiB, 4 * GiB, "physical memory"},
+        {"4:memory:/x\n1:cpu,cpuacct:/y\n0::/", "memory/x/memory.limit_in_bytes", "268435456",
+         8 * GiB, 256 * MiB, "cgroup v1 /x"},
+        {"3:cpu,memory:/x", "memory/x/memory.limit_in_bytes", "9223372036854771712", 2 * GiB,
+         2 * GiB, "physical memory"},
+        {"", "", "", 4 * GiB, 4 * GiB, "physical memory"},  // no cgroup
     };
-    const std::vector<Case> cases = {
-        {"v2",
-         "0::/user.slice/app.service\n",
-         {{"user.slice/app.service/memory.max", "1073741824\n"}},
-         8 * GiB,
-         GiB,
-         "cgroup v2 /user.slice/app.service"},
-        {"v2 parent",
-         "0::/a/b\n",
-         {{"a/b/memory.max", "max\n"}, {"a/memory.max", "536870912\n"}},
-         8 * GiB,
-         512 * MiB,
-         "cgroup v2 /a/b"},
-        {"v2 none", "0::/a\n", {{"a/memory.max", "max\n"}}, 8 * GiB, 8 * GiB, "physical memory"},
-        {"v2 above physical",
-         "0::/a\n",
-         {{"a/memory.max", "17179869184\n"}},
-         4 * GiB,
-         4 * GiB,
-         "physical memory"},
-        {"v1 hybrid",
-         "4:memory:/x\n1:cpu,cpuacct:/y\n0::/\n",
-         {{"memory/x/memory.limit_in_bytes", "268435456\n"}},
-         8 * GiB,
-         256 * MiB,
-         "cgroup v1 /x"},
-        {"v1 none",
-         "3:cpu,memory:/x\n",
-         {{"memory/x/memory.limit_in_bytes", "9223372036854771712\n"}},
-         2 * GiB,
-         2 * GiB,
-         "physical memory"},
-        {"no cgroup", "", {}, 4 * GiB, 4 * GiB, "physical memory"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.cgroup);
         TempDir root;
-        ASSERT_EQ(system(("mkdir -p " + root.path + "/proc/self").c_str()), 0);
+        const std::string file = root.path + "/sys/fs/cgroup/" + c.file;
+        const std::string dirs = root.path + "/proc/self " + file.substr(0, file.rfind('/'));
+        ASSERT_EQ(system(("mkdir -p " + dirs).c_str()), 0);
         if (!c.cgroup.empty()) {
-            std::ofstream(root.path + "/proc/self/cgroup") << c.cgroup;
-        }
-        for (const auto& [file, content] : c.files) {
-            const std::string path = root.path + "/sys/fs/cgroup/" + file;
-            ASSERT_EQ(system(("mkdir -p " + path.substr(0, path.rfind('/'))).c_str()), 0);
-            std::ofstream(path) << content;
+            std::ofstream(root.path + "/proc/self/cgroup") << c.cgroup << "\n";
+            std::ofstream(file) << c.limit << "\n";
         }
         const MemoryLimit limit = memory_limit(root.path, c.physical);
         EXPECT_EQ(limit.bytes, c.bytes);
         EXPECT_EQ(limit.source, c.source);
     }
-    for (auto [limit, budget] : {std::pair(GiB, 768 * MiB),
-                                 {8 * GiB, 6 * GiB},
-                                 {200 * MiB, 136 * MiB},
-                                 {48 * MiB, int64_t{0}}}) {
-        EXPECT_EQ(decoding_budget(limit), budget) << limit;
-    }
+    EXPECT_EQ(decoding_budget(GiB), 768 * MiB);
+    EXPECT_EQ(decoding_budget(8 * GiB), 6 * GiB);
+    EXPECT_EQ(decoding_budget(200 * MiB), 136 * MiB);
+    EXPECT_EQ(decoding_budget(48 * MiB), 0);
 }
 
 // Spinning, counted in asks of the readiness test so that no figure depends on the machine's
