@@ -40,44 +40,35 @@ class Tools : public ::testing::Test {
         err = read_file(dir.path + "/err");
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
-    // A run in the background, its standard output in `name` of the test's directory, or, when
-    // `name` is empty, in a pipe of which the run's end comes back in `*pipe_fd`: a run that
-    // writes pictures there stops once the pipe is full, until the test reads them.
-    pid_t start(const std::string& args, const std::string& name, int* pipe_fd = nullptr) {
-        int fds[2] = {-1, -1};
-        if (pipe_fd != nullptr && pipe2(fds, O_CLOEXEC) != 0) {
+    // A run in the background, its standard output in a pipe whose reading end comes back in
+    // `*fd`: a run that writes pictures there stops once the pipe is full, until the test reads.
+    pid_t start(const std::string& args, int* fd) {
+        int fds[2];
+        if (pipe2(fds, O_CLOEXEC) != 0) {
             return -1;
         }
-        const std::string out_to = name.empty() ? "" : " >" + dir.path + "/" + name;
-        const std::string command = "exec " MEDIA_DECODE_BIN " " + args + out_to + " 2>/dev/null";
+        const std::string command = "exec " MEDIA_DECODE_BIN " " + args + " 2>/dev/null";
         const pid_t pid = fork();
         if (pid == 0) {
-            if (pipe_fd != nullptr) {
-                dup2(fds[1], STDOUT_FILENO);
-            }
+            dup2(fds[1], STDOUT_FILENO);
             execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
             _exit(127);
         }
-        if (pipe_fd != nullptr) {
-            close(fds[1]);
-            *pipe_fd = fds[0];
-        }
+        close(fds[1]);
+        *fd = fds[0];
         return pid;
     }
-    // Everything a run writes to its pipe, up to its end.
-    std::string drain(int fd) {
+    // Everything the run writes, up to its end; a note of its status instead unless that is 0.
+    std::string finish(pid_t pid, int fd) {
         std::string bytes;
         char buffer[65536];
-        ssize_t n;
-        while ((n = read(fd, buffer, sizeof(buffer))) > 0) {
+        for (ssize_t n; (n = read(fd, buffer, sizeof(buffer))) > 0;) {
             bytes.append(buffer, static_cast<size_t>(n));
         }
         close(fd);
-        return bytes;
-    }
-    int finish(pid_t pid) {
-        int status = 0;
-        return waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        int status = -1;
+        const bool ok = pid > 0 && waitpid(pid, &status, 0) == pid && status == 0;
+        return ok ? bytes : "exit status " + std::to_string(status);
     }
 
     TempDir dir;
@@ -114,28 +105,25 @@ TEST_F(Tools, RunsShareOneServiceAndLeaveNoneBehind) {
     ASSERT_EQ(run("--in-process -o - -q " + video.path), 0) << err;
     const std::string pictures = out;
     int a_out = -1, c_out = -1;
-    const pid_t a = start(socket + "-o - -q " + video.path, "", &a_out);
+    const pid_t a = start(socket + "-o - -q " + video.path, &a_out);
     ASSERT_TRUE(wait_until(10000, [&] { return mediatools::listener_pid(path) > 0; }));
     const pid_t service = mediatools::listener_pid(path);
     ASSERT_EQ(run(socket + "-o - -q " + video.path), 0) << err;
     EXPECT_EQ(out, pictures);
-    const pid_t c = start(socket + "-o - -q " + video.path, "", &c_out);
+    const pid_t c = start(socket + "-o - -q " + video.path, &c_out);
     pollfd written{c_out, POLLIN, 0};
     ASSERT_EQ(poll(&written, 1, 10000), 1) << "C's run has no service";
-    EXPECT_EQ(drain(a_out), pictures);
-    EXPECT_EQ(finish(a), 0);
+    EXPECT_EQ(finish(a, a_out), pictures);
     EXPECT_EQ(mediatools::listener_pid(path), service);
-    EXPECT_EQ(drain(c_out), pictures);
-    EXPECT_EQ(finish(c), 0);
+    EXPECT_EQ(finish(c, c_out), pictures);
     EXPECT_TRUE(wait_until(10000, [&] { return mediatools::listener_pid(path) < 0; }));
 
-    std::vector<pid_t> runs;
-    for (int i = 0; i < 4; ++i) {
-        runs.push_back(start(socket + "-o - -q " + video.path, "run" + std::to_string(i)));
+    std::vector<std::pair<pid_t, int>> runs(4);
+    for (auto& [pid, fd] : runs) {
+        pid = start(socket + "-o - -q " + video.path, &fd);
     }
-    for (int i = 0; i < 4; ++i) {
-        EXPECT_EQ(finish(runs[i]), 0);
-        EXPECT_EQ(read_file(dir.path + "/run" + std::to_string(i)), pictures);
+    for (auto [pid, fd] : runs) {
+        EXPECT_EQ(finish(pid, fd), pictures);
     }
     EXPECT_TRUE(wait_until(10000, [&] { return mediatools::listener_pid(path) < 0; }));
 
