@@ -178,6 +178,7 @@ TEST_F(Trial, FirstAcceptingCandidateIsChosen) {
     const uint8_t nal[] = {0, 0, 0, 1, 0x09, 0xf0};
     codec->codec_config(nal, 6);
     EXPECT_EQ(contexts()[0]->extradata_size, before + 6);
+    ASSERT_EQ(contexts().size(), 4u) << "software, chosen, two candidates";
     ASSERT_EQ(contexts()[1]->extradata_size, before + 6);
     EXPECT_EQ(memcmp(contexts()[1]->extradata + before, nal, 6), 0);
     EXPECT_EQ(contexts()[2]->extradata_size, before);
