@@ -3,8 +3,7 @@
 #include "decoder/ffmpeg_compat.h"
 
 // A converted picture as clients get it: planes one after the other, lines without padding (the
-// layout of av_image_copy_to_buffer with alignment 1). Shared by the service and the in-process
-// model of the tools, so that both do the same work per picture.
+// layout of av_image_copy_to_buffer with alignment 1), written by the codec into the output area.
 namespace packed_picture {
 
 // Whether the converter may write the picture straight into the destination, given the line
