@@ -144,6 +144,23 @@ void MediaCodec::decode_frame(const uint8_t* data, int32_t size, int64_t pts) {
     }
 }
 
+bool MediaCodec::alloc_packet_and_frame(int32_t media_type, av_ptr<AVPacket>* packet,
+                                        av_ptr<AVFrame>* frame) {
+    const bool video = media_type == MEDIA_TYPE_VIDEO;
+    *packet =
+        own_packet(av_packet_alloc(), video ? "freeing video packet" : "freeing audio packet");
+    if (!*packet) {
+        LOGE("%s", video ? "video packet alloc failed" : "audio packet alloc failed");
+        return false;
+    }
+    *frame = own_frame(av_frame_alloc(), video ? "freeing video frame" : "freeing audio frame");
+    if (!*frame) {
+        LOGE("%s", video ? "video frame alloc failed" : "audio frame alloc failed");
+        return false;
+    }
+    return true;
+}
+
 int MediaCodec::receive_frame(AVCodecContext* ctx, AVFrame* frm, const char* failure_text) {
     const int ret = avcodec_receive_frame(ctx, frm);
     if (ret == AVERROR(EAGAIN) || ret == AVERROR_EOF) {

@@ -128,6 +128,10 @@ class MediaCodec {
 
     void decode_video_branch();
     int update_resampler(audio_context_t& state, const AVFrame* frm);
+    // A setup's packet and frame, owned with the release lines of `media_type`; false, logged,
+    // when either cannot be allocated.
+    bool alloc_packet_and_frame(int32_t media_type, av_ptr<AVPacket>* packet,
+                                av_ptr<AVFrame>* frame);
     // The frame a packet sent to `ctx` gave: 1 with it in `frm`; 0 when the decoder needs more
     // data, which is answered; else the FFmpeg error, logged with `failure_text`.
     int receive_frame(AVCodecContext* ctx, AVFrame* frm, const char* failure_text);

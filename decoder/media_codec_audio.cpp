@@ -83,14 +83,9 @@ bool MediaCodec::init_audio_codec_context(AVCodecID codec_id, int in_sample_fmt,
         return false;
     }
 
-    av_ptr<AVPacket> new_packet = own_packet(av_packet_alloc(), "freeing audio packet");
-    if (!new_packet) {
-        LOGE("audio packet alloc failed");
-        return false;
-    }
-    av_ptr<AVFrame> new_frame = own_frame(av_frame_alloc(), "freeing audio frame");
-    if (!new_frame) {
-        LOGE("audio frame alloc failed");
+    av_ptr<AVPacket> new_packet;
+    av_ptr<AVFrame> new_frame;
+    if (!alloc_packet_and_frame(MEDIA_TYPE_AUDIO, &new_packet, &new_frame)) {
         return false;
     }
 

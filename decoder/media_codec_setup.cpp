@@ -61,14 +61,9 @@ bool MediaCodec::init_video_codec_context(AVCodecID codec_id, int width, int hei
     if (!sw_ctx) {
         return false;
     }
-    av_ptr<AVPacket> new_packet = own_packet(av_packet_alloc(), "freeing video packet");
-    if (!new_packet) {
-        LOGE("video packet alloc failed");
-        return false;
-    }
-    av_ptr<AVFrame> new_frame = own_frame(av_frame_alloc(), "freeing video frame");
-    if (!new_frame) {
-        LOGE("video frame alloc failed");
+    av_ptr<AVPacket> new_packet;
+    av_ptr<AVFrame> new_frame;
+    if (!alloc_packet_and_frame(MEDIA_TYPE_VIDEO, &new_packet, &new_frame)) {
         return false;
     }
     open_hw_candidates(codec, state, config, config_size);
