@@ -69,10 +69,9 @@ class Trial : public ::testing::Test, public MediaCodec::HardwareSeam {
     }
 
     // A video setup with the clip's configuration bytes, to its own size in yuv420p.
-    void init(const Clip& s) {
+    void init(const Clip& s, MemoryBudget& budget = MemoryBudget::service()) {
         const auto& i = s.info;
-        codec.reset(
-            new MediaCodec({&result, output.data(), [](size_t) {}}, MemoryBudget::service(), this));
+        codec.reset(new MediaCodec({&result, output.data(), [](size_t) {}}, budget, this));
         codec->set_media_type(MEDIA_TYPE_VIDEO);
         ASSERT_TRUE(codec->init_video_codec_context(
             AVCodecID(i.codec_id), i.width, i.height, i.pix_fmt, i.extradata.data(),
@@ -167,6 +166,7 @@ TEST_F(Trial, FirstAcceptingCandidateIsChosen) {
             calls.clear();
         }
         EXPECT_EQ(chosen(), chosen_one);
+        EXPECT_EQ(codec->work(), "h264 " + chosen_one) << "what the worker is named after";
         EXPECT_EQ(candidates(), without(without(all, refused), chosen_one));
     }
     EXPECT_EQ(count("failed to create specified HW device: "), 1u);
@@ -186,6 +186,29 @@ TEST_F(Trial, FirstAcceptingCandidateIsChosen) {
     codec->destroy_context();
     EXPECT_EQ(freed_devices, (Names{"vdpau", "vaapi", "cuda"}));
     EXPECT_TRUE(contexts().empty());
+}
+
+// A packet and configuration bytes are charged before they are taken: with a budget that holds
+// the decoder and not much more, a packet of 3 MiB (charged twice: FFmpeg's copy and a parser's)
+// fails and configuration bytes of 5 MiB are not appended, while the stream decodes as before.
+TEST_F(Trial, PacketsAndConfigurationBytesAreChargedFirst) {
+    MemoryBudget budget(8 << 20);
+    refused = "vdpau cuda vaapi";
+    ASSERT_NO_FATAL_FAILURE(init(h264, budget));
+    const std::vector<uint8_t> big(5 << 20, 0x5a);
+    codec->decode_frame(big.data(), 3 << 20, 0);
+    EXPECT_EQ(result.status, STATUS_FAILED);
+    EXPECT_EQ(count("memory budget exceeded: packet of 6144 KiB refused"), 1u);
+    const int before = contexts()[0]->extradata_size;
+    codec->codec_config(big.data(), int32_t(big.size()));
+    EXPECT_EQ(contexts()[0]->extradata_size, before);
+    int pictures = 0;
+    for (const auto& p : h264.packets) {
+        decode(p);
+        pictures += result.status == STATUS_OK && result.output_size > 0;
+    }
+    EXPECT_GT(pictures, 0);
+    codec.reset();  // before its budget
 }
 
 // get_hw_format picks the surface format of the context's device among those offered and needs
