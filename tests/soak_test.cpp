@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <map>
@@ -37,6 +38,13 @@ constexpr int kTimeoutMs = 60000;
 constexpr long kRssMarginKb = 32 * 1024;
 // ThreadSanitizer starts a thread of its own in the daemon when the daemon starts its first.
 constexpr int kSanitizerThreads = std::string_view(SVC_SANITIZER) == "thread" ? 1 : 0;
+
+// Requests answered and outputs, counted by the client processes in anonymous memory that every
+// fork shares.
+struct Counts {
+    std::atomic<unsigned long long> requests{0}, outputs{0};
+};
+Counts* counts = nullptr;
 
 // A client process's failure: said on standard error, and its exit status.
 int fail(const std::string& what) {
@@ -98,6 +106,8 @@ int run_client(const std::string& socket, const Clip& s, Way way, const std::str
             ClientError::kOk) {
             return fail("no answer to a decode");
         }
+        counts->requests++;
+        counts->outputs += r.status == STATUS_OK;
         if (r.status == STATUS_FAILED ||
             (r.status == STATUS_OK && s.info.video && r.output_size != w * h * 3 / 2)) {
             return fail(s.path + " packet " + std::to_string(i % s.packets.size()));
@@ -187,6 +197,8 @@ class Soak : public ::testing::Test {
 };
 
 TEST_F(Soak, ClientsComeAndGoAndTheDaemonReturnsToItsBaseline) {
+    counts = new (mmap(nullptr, sizeof(Counts), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
+                       -1, 0)) Counts();
     daemon.options().log = seconds <= 60;  // a long run would log gigabytes
     ASSERT_TRUE(daemon.start());
     SessionClient session;
@@ -205,14 +217,16 @@ TEST_F(Soak, ClientsComeAndGoAndTheDaemonReturnsToItsBaseline) {
     ASSERT_TRUE(daemon.running()) << "the daemon died during the warm-up";
     const ProcStat baseline = settle(idle);
     const int started_before = started, killed_before = killed;
+    const unsigned long long requests = counts->requests, outputs = counts->outputs;
     chaos(seconds);
     ASSERT_TRUE(daemon.running()) << "the daemon died during the soak";
     const ProcStat end = settle(baseline);
     EXPECT_FALSE(session.disconnected());
     printf(
-        "soak: %d s, %d clients, %d killed, %d failed; fds %d -> %d, threads %d -> %d, rss %ld "
-        "-> %ld kB\n",
-        seconds, started - started_before, killed - killed_before, failed, baseline.fds, end.fds,
+        "soak: %d s, %d clients, %d killed, %d failed; %llu requests, %llu outputs; fds %d -> %d, "
+        "threads %d -> %d, rss %ld -> %ld kB\n",
+        seconds, started - started_before, killed - killed_before, failed,
+        counts->requests - requests, counts->outputs - outputs, baseline.fds, end.fds,
         baseline.threads, end.threads, baseline.rss_kb, end.rss_kb);
     EXPECT_EQ(failed, 0) << "see the clients' lines above";
     EXPECT_EQ(end.fds, baseline.fds);
