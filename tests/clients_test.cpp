@@ -379,7 +379,7 @@ TEST_F(Requests, SizeLimits) {
                                           ": wrong packet size passed\n"),
               5u)
         << system_log;
-    EXPECT_EQ(occurrences(system_log, "\n"), 5u) << system_log;
+    EXPECT_EQ(occurrences(system_log, "client " + client[1].str() + ": "), 5u) << system_log;
 
     // Configuration bytes beyond the input area fail the setup (and end the worker), and so do
     // pictures beyond 16384 on a side, coded or output: refused before anything is allocated.
