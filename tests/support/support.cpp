@@ -81,7 +81,11 @@ Daemon::Daemon(Options options) : options_(std::move(options)) {}
 
 Daemon::~Daemon() {
     if (pid_ > 0 && !reaped_) {
-        kill(pid_, SIGCONT);  // a test may have left it frozen
+        // Only a daemon a test left frozen: a SIGCONT discards a pending SIGSTOP, which would
+        // leave a sanitizer's leak check at exit waiting for a thread that never stops.
+        if (frozen_) {
+            kill(pid_, SIGCONT);
+        }
         // A daemon on its way out (its session ended) has destroyed, or is about to destroy, its
         // signal watchers; a SIGTERM then would kill it instead of being handled.
         if (count("media server stopped, now quiting...") == 0) {
@@ -261,8 +265,9 @@ bool Daemon::wait_log(const std::string& needle, size_t occurrences, int timeout
     return wait_until(timeout_ms, [&] { return count(needle) >= occurrences; });
 }
 
-void Daemon::signal(int sig) const {
+void Daemon::signal(int sig) {
     if (pid_ > 0 && !reaped_) {
+        frozen_ = sig == SIGSTOP || (frozen_ && sig != SIGCONT);
         kill(pid_, sig);
     }
 }

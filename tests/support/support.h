@@ -60,7 +60,8 @@ class Daemon {
     std::string log() const;
     size_t count(const std::string& needle) const;
     bool wait_log(const std::string& needle, size_t occurrences = 1, int timeout_ms = 10000) const;
-    void signal(int sig) const;
+    // SIGSTOP and SIGCONT are tracked: the destructor resumes a daemon left frozen, and only one.
+    void signal(int sig);
     // Exit status (128 + signal when killed) once it ended; -1 on timeout.
     int wait_exit(int timeout_ms = 10000);
     bool running();
@@ -72,6 +73,7 @@ class Daemon {
     Options options_;
     pid_t pid_ = -1;
     bool reaped_ = false;
+    bool frozen_ = false;
     int status_ = -1;
     std::string runtime_dir_;
 };
