@@ -1,8 +1,9 @@
 #pragma once
 
 // Client library of media-service: compressed audio and video decoded by the service, exchanged
-// through a block of shared memory. Build with `pkg-config --cflags --libs mediaclient`; no FFmpeg
-// headers are needed. A decoder client, in short (the README's example decodes a file's H.264):
+// through a block of shared memory. Build as C++17 (GCC 10 needs -std=c++17) with
+// `pkg-config --cflags --libs mediaclient`; no FFmpeg headers are needed. A decoder client, in
+// short (the README's example decodes a file's H.264):
 //
 //   namespace mc = mediaclient;
 //   mc::DecoderClient client;

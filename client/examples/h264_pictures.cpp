@@ -2,7 +2,7 @@
 // README's example client, built with the installed headers and pkg-config alone:
 //
 //   libs="mediaclient libavformat libavcodec libavutil"
-//   c++ h264_pictures.cpp -o h264-pictures $(pkg-config --cflags --libs $libs)
+//   c++ -std=c++17 h264_pictures.cpp -o h264-pictures $(pkg-config --cflags --libs $libs)
 //   ./h264-pictures video.mp4
 //
 // libavformat only reads the file; the service decodes.
