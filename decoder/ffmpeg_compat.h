@@ -94,9 +94,9 @@ inline void set_context_channels(AVCodecContext* ctx, int channels) {
 #endif
 }
 
-// av_image_alloc. FFmpeg 4 treats GRAY8, RGB8, BGR8, RGB4_BYTE and BGR4_BYTE as pseudo-paletted:
-// it gives them a palette plane and refuses them an alignment below 4. Later versions dropped
-// that. The picture plane and its packed copy (av_image_copy_to_buffer) are the same either way.
+// FFmpeg 4 treats GRAY8, RGB8, BGR8, RGB4_BYTE and BGR4_BYTE as pseudo-paletted: its picture
+// buffers give them a palette plane, which the packed copy (av_image_copy_to_buffer) leaves out.
+// Later versions dropped that.
 inline bool is_pseudo_paletted(AVPixelFormat format) {
 #if LIBAVUTIL_VERSION_MAJOR < 57
     const AVPixFmtDescriptor* desc = av_pix_fmt_desc_get(format);
@@ -105,14 +105,6 @@ inline bool is_pseudo_paletted(AVPixelFormat format) {
     (void)format;
     return false;
 #endif
-}
-
-inline int image_alloc(uint8_t* planes[4], int linesizes[4], int width, int height,
-                       AVPixelFormat format, int align) {
-    if (is_pseudo_paletted(format) && align < 4) {
-        align = 4;
-    }
-    return av_image_alloc(planes, linesizes, width, height, format, align);
 }
 
 // The channel count of a demuxed stream.

@@ -161,8 +161,9 @@ int MediaCodec::convert_picture(video_context_t& state, AVFrame* source) {
         return AVERROR_BUG;
     }
     packed_picture::Failure step;
-    const int copied = packed_picture::convert(sws, source, areas_.output, out_format,
-                                               state.out_width, state.out_height, &step);
+    const int copied =
+        packed_picture::convert(sws, source, areas_.output, SHM_AREA_SIZE, out_format,
+                                state.out_width, state.out_height, &step);
     if (copied < 0) {
         LOGE(step == packed_picture::Failure::kAlloc ? "image buffer alloc failed"
                                                      : "copy image to output buffer failed");

@@ -151,6 +151,46 @@ INSTANTIATE_TEST_SUITE_P(Codecs, VideoCodec, ::testing::ValuesIn(kVideoRows),
                              return std::string(info.param.name);
                          });
 
+// Conversions at sizes whose lines are no multiple of the converters' vector widths (around
+// multiples of 8, 16, 32 and 64 bytes, odd heights), into each family of formats swscale writes,
+// every answer compared with the oracle: from a source of the output's size (swscale's unscaled
+// converters) and of another size (its scalers). CI also runs this test with the daemon under
+// valgrind's memcheck, which sees a store past a buffer inside FFmpeg's own code.
+struct Conversion {
+    int source_w, source_h, w, h;
+    AVPixelFormat fmt;
+};
+const Conversion kConversions[] = {
+    {600, 450, 600, 450, AV_PIX_FMT_RGBA},   {600, 450, 600, 450, AV_PIX_FMT_BGRA},
+    {600, 450, 600, 450, AV_PIX_FMT_RGB24},  {350, 200, 350, 200, AV_PIX_FMT_RGBA},
+    {350, 200, 350, 200, AV_PIX_FMT_BGR24},  {344, 198, 344, 198, AV_PIX_FMT_NV12},
+    {344, 198, 344, 198, AV_PIX_FMT_GRAY8},  {344, 198, 344, 198, AV_PIX_FMT_YUV420P},
+    {336, 100, 336, 100, AV_PIX_FMT_RGB24},  {352, 96, 352, 96, AV_PIX_FMT_NV21},
+    {130, 66, 130, 66, AV_PIX_FMT_BGRA},     {384, 64, 384, 64, AV_PIX_FMT_YUV420P},
+    {384, 64, 384, 64, AV_PIX_FMT_RGBA},     {384, 64, 384, 64, AV_PIX_FMT_NV12},
+    {176, 144, 175, 99, AV_PIX_FMT_RGBA},    {176, 144, 175, 99, AV_PIX_FMT_RGB24},
+    {176, 144, 175, 99, AV_PIX_FMT_YUV420P}, {176, 144, 175, 99, AV_PIX_FMT_NV12},
+    {176, 144, 175, 99, AV_PIX_FMT_GRAY8},   {176, 144, 200, 97, AV_PIX_FMT_BGRA},
+    {176, 144, 264, 33, AV_PIX_FMT_YUV444P}, {176, 144, 1000, 17, AV_PIX_FMT_BGR24},
+    {176, 144, 320, 63, AV_PIX_FMT_RGBA},    {176, 144, 66, 129, AV_PIX_FMT_NV12},
+};
+
+TEST_F(Video, ConversionsAtAwkwardSizes) {
+    for (const Conversion& row : kConversions) {
+        const std::string size = std::to_string(row.source_w) + "x" + std::to_string(row.source_h);
+        const Clip& s = clip("c" + size + ".m2v", "-f lavfi -i testsrc2=size=" + size +
+                                                      ":rate=25 -frames:v 3 -c:v mpeg2video -bf 0");
+        SCOPED_TRACE(size + " to " + std::to_string(row.w) + "x" + std::to_string(row.h) + " " +
+                     av_get_pix_fmt_name(row.fmt));
+        ASSERT_NO_FATAL_FAILURE(init(s, row.w, row.h, row.fmt));
+        size_t pictures = 0;
+        for (size_t i = 0; i < s.packets.size(); ++i) {
+            pictures += decode(s, i).status == STATUS_OK;
+        }
+        EXPECT_GT(pictures, 0u);
+    }
+}
+
 // A reset mid-stream keeps the codec and coded format and takes the new output. Output pixel
 // formats beyond FFmpeg 4's enumeration (187 formats), negative ones included, mean yuv420p.
 // The worker is named after its client (the connection's number in the service) and its work.

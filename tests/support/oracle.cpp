@@ -94,27 +94,31 @@ Expected Oracle::decode(const std::vector<uint8_t>& packet, int64_t pts) {
     return e;
 }
 
+// The conversion goes into a picture of FFmpeg's own, whose lines and padding swscale's vector
+// stores may use.
 Expected Oracle::picture() {
     const AVPixelFormat format = AVPixelFormat(pix_fmt_);
     SwsContext* sws =
         sws_getContext(frame_->width, frame_->height, AVPixelFormat(frame_->format), width_,
                        height_, format, SWS_BILINEAR, nullptr, nullptr, nullptr);
     const int size = av_image_get_buffer_size(format, width_, height_, 1);
-    uint8_t* planes[4] = {};
-    int lines[4] = {};
+    AVFrame* out = av_frame_alloc();
+    out->format = format, out->width = width_, out->height = height_;
     if (sws == nullptr || size < 0 || size_t(size) > kOutputArea ||
-        ffcompat::image_alloc(planes, lines, width_, height_, format, 1) < 0) {
+        av_frame_get_buffer(out, 0) < 0) {
         sws_freeContext(sws);
+        av_frame_free(&out);
         return answer(kFailed);
     }
-    sws_scale(sws, frame_->data, frame_->linesize, 0, frame_->height, planes, lines);
+    sws_scale(sws, frame_->data, frame_->linesize, 0, frame_->height, out->data, out->linesize);
     sws_freeContext(sws);
     Expected e;
     e.size = uint32_t(size);
     e.pts = frame_->best_effort_timestamp;
     e.bytes.resize(size_t(size));
-    av_image_copy_to_buffer(e.bytes.data(), size, planes, lines, format, width_, height_, 1);
-    av_freep(&planes[0]);
+    av_image_copy_to_buffer(e.bytes.data(), size, out->data, out->linesize, format, width_, height_,
+                            1);
+    av_frame_free(&out);
     return e;
 }
 

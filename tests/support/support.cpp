@@ -70,7 +70,8 @@ TempDir::~TempDir() {
 
 namespace {
 
-constexpr int kStartTimeoutMs = 10000;
+// Generous: a daemon may run under valgrind (SVC_TEST_DAEMON_WRAPPER).
+constexpr int kStartTimeoutMs = 60000;
 // Generous: a sanitizer build checks the whole heap for leaks at exit.
 constexpr int kStopTimeoutMs = 30000;
 
@@ -147,7 +148,19 @@ bool Daemon::start() {
         envp.push_back(&s[0]);
     }
     envp.push_back(nullptr);
-    char* const argv[] = {const_cast<char*>(MEDIA_SERVICE_BIN), nullptr};
+    // A program that runs the daemon (valgrind in CI), its path and arguments split at spaces.
+    const char* wrapper = getenv("SVC_TEST_DAEMON_WRAPPER");
+    std::istringstream in(wrapper != nullptr ? wrapper : "");
+    std::vector<std::string> words;
+    for (std::string word; in >> word;) {
+        words.push_back(word);
+    }
+    words.push_back(MEDIA_SERVICE_BIN);
+    std::vector<char*> argv;
+    for (auto& w : words) {
+        argv.push_back(&w[0]);
+    }
+    argv.push_back(nullptr);
     const std::string log_path = runtime_dir_ + "/daemon.log";
     int log_fd = open(options_.log ? log_path.c_str() : "/dev/null",
                       O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
@@ -161,7 +174,7 @@ bool Daemon::start() {
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
         umask(022);
-        execve(MEDIA_SERVICE_BIN, argv, envp.data());
+        execve(argv[0], argv.data(), envp.data());
         _exit(127);
     }
     close(log_fd);

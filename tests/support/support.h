@@ -36,7 +36,9 @@ using mediatools::ProcStat;
 // foreground with its standard streams; memfds stand in for ashmem regions), in a private runtime
 // directory, its log in a file. The destructor stops it as a user would, with SIGTERM, and fails
 // the test unless it exits with status 0 in time (then it is killed): so every daemon's orderly
-// exit is checked, by the sanitizers' exit checks too.
+// exit is checked, by the sanitizers' exit checks too. SVC_TEST_DAEMON_WRAPPER, where set, names a
+// program and its arguments (space-separated, the program by its path) that run the daemon:
+// valgrind in CI, whose error exit status then fails the test.
 class Daemon {
   public:
     struct Options {
