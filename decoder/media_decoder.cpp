@@ -1,7 +1,6 @@
 #include "decoder/media_decoder.h"
 
 #include <fcntl.h>
-#include <malloc.h>
 #include <pthread.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -11,7 +10,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <system_error>
 
 #include "base/log.h"
 #include "base/shm_guard.h"
@@ -21,8 +19,7 @@
 #define LOG_MODULE "media decoder"
 #define LOG_FILE "media_decoder"
 
-MediaDecoder::MediaDecoder(const std::weak_ptr<ev::async>& notify, int fd, bool is_ashmem)
-    : shm_fd(fd), notify(notify) {
+MediaDecoder::MediaDecoder(int fd, bool is_ashmem, int client) : shm_fd(fd), client_number(client) {
     if (!is_ashmem) {
         // Mapping past the end of a smaller object would fault on first access.
         struct stat st;
@@ -53,12 +50,10 @@ MediaDecoder::MediaDecoder(const std::weak_ptr<ev::async>& notify, int fd, bool 
                                 block + SHM_OUTPUT_OFFSET,
                                 [this](size_t used) { clear_output_after(used); }}));
     valid_ = true;
+    name_worker();
 }
 
 MediaDecoder::~MediaDecoder() {
-    if (worker && worker->joinable()) {
-        worker->join();
-    }
     LOGD("ummapping shared memory");  // sic: verbatim log text
     ShmGuard::remove(guard_slot);
     if (ashmem) {
@@ -66,89 +61,27 @@ MediaDecoder::~MediaDecoder() {
     } else if (block != nullptr && block != MAP_FAILED) {
         munmap(block, SHM_BLOCK_SIZE);
     }
-    // The decoder's state goes now, after the block, so that what the allocator keeps of it can be
-    // given back to the system: once per departed client, so that the service's resident memory
-    // follows what its clients hold.
     codec.reset();
-    malloc_trim(0);
 }
 
-bool MediaDecoder::run() {
-    // std::thread reports a failed pthread_create only by throwing; this is the one place that
-    // catches, because a client must not be able to end the service by exhausting threads.
-    try {
-        worker.reset(new std::thread(&MediaDecoder::media_decoding_thread, this));
-    } catch (const std::system_error& e) {
-        LOGE("decoder worker thread create failed: [%d] %s", e.code().value(),
-             strerror(e.code().value()));
+bool MediaDecoder::serve_request() {
+    const uint32_t request_type = read_request<uint32_t>(REQ_TYPE_OFFSET);
+    // A header read from a vanished object reads as zeros; do not act on it.
+    if (check_block_lost()) {
         return false;
     }
-    return true;
-}
-
-void MediaDecoder::signal_request() {
-    {
-        std::lock_guard<std::mutex> lock(request_mutex);
-        request_ready.store(1);
-    }
-    request_cond.notify_one();
-}
-
-void MediaDecoder::signal_quit() {
-    {
-        std::lock_guard<std::mutex> lock(request_mutex);
-        quit.store(1);
-        request_ready.store(1);
-    }
-    request_cond.notify_all();
-}
-
-// The request is taken under the mutex, where the signals store the flags; before sleeping on the
-// condition variable the worker spins for a moment on the flag when its client's requests have
-// been coming back to back, since a client that got its sync msg a few microseconds ago usually
-// rings again at once and a sleeping worker would cost it a wake-up.
-bool MediaDecoder::wait_for_request() {
-    const SpinWait::Clock::time_point idle_since = SpinWait::Clock::now();
-    request_spin.spin([this] { return request_ready.load(std::memory_order_acquire) == 1; });
-    std::unique_lock<std::mutex> lock(request_mutex);
-    request_cond.wait(lock, [this] { return request_ready.load() == 1; });
-    request_spin.waited(SpinWait::Clock::now() - idle_since);
-    request_ready.store(0);
-    return quit.load() == 0;
-}
-
-void MediaDecoder::media_decoding_thread() {
-    SvcLogSetClient(client_number);
+    const bool serving = dispatch(request_type);
     name_worker();
-    for (;;) {
-        if (quit.load() == 1) {
-            return;
-        }
-        if (!wait_for_request()) {
-            return;
-        }
-        const uint32_t request_type = read_request<uint32_t>(REQ_TYPE_OFFSET);
-        // A header read from a vanished object reads as zeros; do not act on it.
-        if (!check_block_lost()) {
-            dispatch(request_type);
-            check_block_lost();
-            name_worker();
-        }
-        requests_done.fetch_add(1, std::memory_order_release);
-        if (auto watcher = notify.lock()) {
-            watcher->send();
-        }
-    }
+    return !check_block_lost() && serving;
 }
 
 // The request header's fields, by request, into the codec's calls; the bytes they name lie at the
 // start of the input area.
-void MediaDecoder::dispatch(uint32_t request_type) {
+bool MediaDecoder::dispatch(uint32_t request_type) {
     const uint8_t* input = block + SHM_INPUT_OFFSET;
     switch (request_type) {
         case REQUEST_INIT_CODEC:
-            init_codec();
-            break;
+            return init_codec();
         case REQUEST_RESET_CONTEXT:
             codec->reset_context(read_request<int32_t>(REQ_RESET_PARAM_OFFSET),
                                  read_request<int32_t>(REQ_RESET_PARAM_OFFSET + 4),
@@ -169,14 +102,14 @@ void MediaDecoder::dispatch(uint32_t request_type) {
             break;
         default:
             LOGW("unknown client request type, stop further processing");
-            quit.store(1);
-            break;
+            return false;
     }
+    return true;
 }
 
 // The media type is taken before the codec row is looked up, so an unknown row still changes it.
 // Everything that fails here ends the worker once the request is answered.
-void MediaDecoder::init_codec() {
+bool MediaDecoder::init_codec() {
     ExchangeInitRequest r;
     memcpy(&r, block + SHM_REQUEST_OFFSET, sizeof(r));
     const uint8_t* config = block + SHM_INPUT_OFFSET;
@@ -201,12 +134,10 @@ void MediaDecoder::init_codec() {
     } else {
         LOGW("unknown media type specified, initialization failed");
     }
-    if (!ok) {
-        quit.store(1);
-    }
+    return ok;
 }
 
-// Names the worker after its client and its work, for top -H, ps -L and /proc/PID/task/*/comm:
+// Names the worker after its client and its work, for top, ps and /proc/PID/comm:
 // "dec7" without a decoder, "dec7 h264 sw" or "dec7 h264 vdpau" (where the video decodes),
 // "dec3 aac". The kernel keeps 15 characters; the thread is renamed only when the name changes.
 void MediaDecoder::name_worker() {
@@ -220,12 +151,11 @@ void MediaDecoder::name_worker() {
 }
 
 bool MediaDecoder::check_block_lost() {
-    if (lost.load() == 0 && ShmGuard::lost(guard_slot)) {
+    if (!lost_ && ShmGuard::lost(guard_slot)) {
         LOGE("shared memory block lost, dropping decoder client");
-        lost.store(1);
-        quit.store(1);
+        lost_ = true;
     }
-    return lost.load() != 0;
+    return lost_;
 }
 
 // Everything after the picture reads as zero, so stale bytes never reach the client. Writing

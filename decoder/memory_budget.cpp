@@ -74,6 +74,21 @@ void MemoryBudget::set_limit(int64_t limit) {
     limit_ = limit;
 }
 
+void MemoryBudget::set_upstream(Upstream upstream) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    upstream_ = std::move(upstream);
+}
+
+bool MemoryBudget::ask_upstream(int64_t total, MemoryGrant* answer) {
+    const int64_t slabs = (std::max<int64_t>(total, 0) + kSlab - 1) / kSlab * kSlab;
+    if (!upstream_(slabs, answer)) {
+        *answer = MemoryGrant{granted_, -1, -1};
+        return false;
+    }
+    granted_ = answer->granted;
+    return granted_ >= total;
+}
+
 int64_t MemoryBudget::limit() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return limit_;
@@ -89,18 +104,23 @@ bool MemoryBudget::grow(MemoryAccount& account, int64_t bytes, const char* what)
     const int holders = holders_ + (account.held_ == 0 ? 1 : 0);
     const int64_t after = total_ + bytes;
     const int64_t mine = account.held_ + bytes;
-    // Within the budget, and either within the client's share or out of the last quarter.
-    const bool granted =
-        bytes <= limit_ - total_ && (mine <= limit_ / holders || after <= limit_ - limit_ / 4);
+    MemoryGrant answer{0, total_, limit_};
+    // Within the budget, and either within the client's share or out of the last quarter; with
+    // an upstream, within what it grants.
+    const bool granted = upstream_ ? after <= granted_ || ask_upstream(after, &answer)
+                                   : bytes <= limit_ - total_ &&
+                                         (mine <= limit_ / holders || after <= limit_ - limit_ / 4);
     if (!granted) {
-        const int64_t held = account.held_, total = total_, limit = limit_;
+        const int64_t held = account.held_;
         lock.unlock();
-        LOGE(
-            "memory budget exceeded: %s of %lld KiB refused (this client holds %lld KiB, all "
-            "clients %lld of %lld KiB)",
-            what != nullptr ? what : "memory", static_cast<long long>(bytes / kKiB),
-            static_cast<long long>(held / kKiB), static_cast<long long>(total / kKiB),
-            static_cast<long long>(limit / kKiB));
+        if (what != nullptr) {
+            LOGE(
+                "memory budget exceeded: %s of %lld KiB refused (this client holds %lld KiB, all "
+                "clients %lld of %lld KiB)",
+                what, static_cast<long long>(bytes / kKiB), static_cast<long long>(held / kKiB),
+                static_cast<long long>(answer.total / kKiB),
+                static_cast<long long>(answer.limit / kKiB));
+        }
         return false;
     }
     if (account.held_ == 0) {
@@ -118,5 +138,11 @@ void MemoryBudget::shrink(MemoryAccount& account, int64_t bytes) {
     total_ -= bytes;
     if (account.held_ == 0) {
         --holders_;
+    }
+    // Two slabs unused go back, so that a client that holds about a slab's edge does not ask and
+    // give back with every request.
+    MemoryGrant answer;
+    if (upstream_ && granted_ - total_ >= 2 * kSlab) {
+        ask_upstream(total_, &answer);
     }
 }

@@ -14,8 +14,14 @@
 // So clients that grow without bound fill at most three quarters, and a small client coming later
 // still finds room. What a client already holds is never taken back: its pictures are its
 // decoder's references.
+//
+// The accepting process keeps the service's budget, with an account per worker; a worker's budget
+// has an upstream instead of a limit: what its account holds beyond its last grant is asked of
+// the accepting process, in whole slabs, so that a stream's packets and pictures, which come and
+// go within a slab, cost no round trip.
 
 #include <cstdint>
+#include <functional>
 #include <mutex>
 
 class MemoryBudget;
@@ -54,8 +60,9 @@ class MemoryCharge {
     virtual ~MemoryCharge() { set(0, nullptr); }
 
     // Makes the charge `bytes`. Growing asks the budget; when it refuses, the charge stays as it
-    // was, the refusal is logged naming `what`, and the result is false. Without an account every
-    // charge is granted.
+    // was, the refusal is logged naming `what` (unless it is null: the accepting process grants a
+    // worker's charges silently, the worker logs), and the result is false. Without an account
+    // every charge is granted.
     bool set(int64_t bytes, const char* what);
     // Grows the charge by `bytes` (see set()).
     bool add(int64_t bytes, const char* what) { return set(bytes_ + bytes, what); }
@@ -66,8 +73,20 @@ class MemoryCharge {
     int64_t bytes_ = 0;
 };
 
+// What the accepting process answers a worker that asks to hold `wanted` bytes in all.
+struct MemoryGrant {
+    int64_t granted;  // what the worker may hold now: `wanted`, or its earlier grant
+    int64_t total;    // all clients' holdings, and the budget, for the refusal's line
+    int64_t limit;
+};
+
 class MemoryBudget {
   public:
+    // Asks the accepting process for a new grant; false when it cannot be asked.
+    using Upstream = std::function<bool(int64_t wanted, MemoryGrant* answer)>;
+    // Grants are asked for in multiples of this.
+    static constexpr int64_t kSlab = int64_t{1} << 20;
+
     // The service's budget, unlimited until set_limit() (the tools decode in-process with it).
     static MemoryBudget& service();
 
@@ -77,6 +96,8 @@ class MemoryBudget {
     virtual ~MemoryBudget() = default;
 
     void set_limit(int64_t limit);
+    // From now on the limit is the upstream's: a worker's budget.
+    void set_upstream(Upstream upstream);
     int64_t limit() const;
     int64_t total() const;
 
@@ -86,9 +107,13 @@ class MemoryBudget {
     // Grows `account` by `bytes` when the rules above allow it.
     bool grow(MemoryAccount& account, int64_t bytes, const char* what);
     void shrink(MemoryAccount& account, int64_t bytes);
+    // Whether the upstream grants `total` in all; updates granted_. Called with the mutex held.
+    bool ask_upstream(int64_t total, MemoryGrant* answer);
 
     mutable std::mutex mutex_;  // guards everything below and every account's held_
     int64_t limit_;
     int64_t total_ = 0;
     int holders_ = 0;  // accounts that hold something
+    Upstream upstream_;
+    int64_t granted_ = 0;  // with an upstream: what it granted last
 };

@@ -1,135 +1,124 @@
-// A decoder client's channel: doorbells wake its worker, completions become sync msgs, and a
-// client that goes is removed in the same loop iteration.
+// A decoder client as the accepting process sees it: its worker's start, memory grants and end.
 
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
-#include "base/defer_action.h"
 #include "base/eintr.h"
 #include "base/system_log.h"
-#include "decoder/exchange_block.h"
 #include "server/media_server.h"
 #include "server/server_internal.h"
-
-using server_detail::CLIENT_READ_SIZE;
-using server_detail::set_write_interest;
+#include "server/worker_launch.h"
 
 namespace {
 
-// A doorbell this soon after the client's last sync msg comes from a client in a tight loop.
-constexpr std::chrono::microseconds kBackToBack(100);
+// How long the service's stop waits for a worker to finish its request and tear down before it is
+// killed: a picture takes milliseconds, a worker stopped by a debugger forever.
+constexpr std::chrono::seconds kWorkerEndBound(10);
+
+// Waits for `pid` to end, killing it after the bound.
+void reap(pid_t pid) {
+    const auto deadline = std::chrono::steady_clock::now() + kWorkerEndBound;
+    while (waitpid(pid, nullptr, WNOHANG) == 0) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            LOGE("decoder worker %d did not end, killing it", static_cast<int>(pid));
+            kill(pid, SIGKILL);
+            retry_on_eintr([pid] { return waitpid(pid, nullptr, 0); });
+            return;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
 
 }  // namespace
 
 MediaServer::decoder_handle_t::~decoder_handle_t() {
-    if (io && io->is_active()) {
-        io->stop();
+    signal_quit();
+    if (exit_watcher && exit_watcher->is_active()) {
+        exit_watcher->stop();
     }
-    // Stopped here on the loop thread, so that a worker holding the last reference for a moment
-    // only ever frees an inactive watcher.
-    if (notify && notify->is_active()) {
-        notify->stop();
-    }
-    // The decoder's destructor joins its worker, so the worker is told to end here, whatever led
-    // to this destruction: stop() only reaches the decoders registered when it runs, and a
-    // registration that libev runs later in the same loop iteration (its client type msg was
-    // already pending) would otherwise be joined forever. A second quit signal is harmless.
-    if (decoder) {
-        decoder->signal_quit();
+    if (pid > 0 && !reaped) {
+        reap(pid);
     }
 }
 
-void MediaServer::decoder_handle_t::decoder_gone() {
-    if (io) {
-        io->stop();
+void MediaServer::decoder_handle_t::signal_quit() {
+    if (control_io && control_io->is_active()) {
+        control_io->stop();
     }
-    if (decoder) {
-        decoder->signal_quit();
+    control.reset();
+}
+
+// The worker asks to hold a new total; the answer is what it may hold, whatever the budget says.
+void MediaServer::decoder_handle_t::on_control_io_event(ev::io& watcher, int /*revents*/) {
+    int64_t wanted = 0;
+    const ssize_t n =
+        retry_on_eintr([&] { return recv(watcher.fd, &wanted, sizeof(wanted), MSG_DONTWAIT); });
+    if (n == 0 || (n < 0 && errno != EAGAIN)) {
+        watcher.stop();  // the worker is gone; its end is reported by the exit watcher
+        return;
     }
+    if (n != static_cast<ssize_t>(sizeof(wanted))) {
+        return;
+    }
+    grant.set(wanted, nullptr);
+    const MemoryGrant answer{grant.bytes(), MemoryBudget::service().total(),
+                             MemoryBudget::service().limit()};
+    retry_on_eintr([&] { return send(watcher.fd, &answer, sizeof(answer), MSG_NOSIGNAL); });
+}
+
+// A worker that ends by itself has logged why; one that a signal ended (a crash, a refused system
+// call, the kernel out of memory) cost its own client, and the operator hears of it.
+void MediaServer::decoder_handle_t::on_worker_exit_event(ev::child& watcher, int /*revents*/) {
+    LogClientScope log_client(client);
+    const int status = watcher.rstatus;
+    reaped = true;
+    watcher.stop();
+    if (WIFSIGNALED(status)) {
+        LOGE("decoder worker of client %d ended by signal %d (%s)", client, WTERMSIG(status),
+             strsignal(WTERMSIG(status)));
+    } else if (WIFEXITED(status) && WEXITSTATUS(status) != 0) {
+        LOGE("decoder worker of client %d exited with status %d", client, WEXITSTATUS(status));
+    }
+    signal_quit();
     on_terminate(this);
 }
 
-// Wakes the worker, noting when the request started for the loop's completion spin.
-void MediaServer::decoder_handle_t::doorbell() {
-    if (!decoder) {
-        return;
+std::unique_ptr<MediaServer::decoder_handle_t> MediaServer::start_worker(int client, UniqueFd block,
+                                                                         bool is_ashmem) {
+    int pair[2];
+    if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) {
+        LOGE("decoder worker control socket failed: [%d] %s", errno, strerror(errno));
+        return nullptr;
     }
-    if (!request_in_flight) {
-        request_in_flight = true;
-        rung_at = SpinWait::Clock::now();
-        back_to_back = rung_at - synced_at <= kBackToBack;
-        completions_before = decoder->completed_requests();
+    UniqueFd mine(pair[0]), theirs(pair[1]);
+    worker_launch::Launch launch{
+        worker_program.get(),           client, block.get(), theirs.get(), client, is_ashmem,
+        MemoryBudget::service().limit()};
+    const pid_t pid = worker_launch::launch(launch);
+    if (pid < 0) {
+        LOGE("decoder worker process create failed: [%d] %s", errno, strerror(errno));
+        return nullptr;
     }
-    decoder->signal_request();
-}
-
-bool MediaServer::decoder_handle_t::awaited(SpinWait::Clock::duration short_request) const {
-    return request_in_flight && back_to_back && decoder && !decoder->quitting() &&
-           last_request <= short_request;
-}
-
-void MediaServer::decoder_handle_t::on_decoder_client_io_event(ev::io& io, int revents) {
-    LogClientScope log_client(io.fd);
-    DeferAction gone([this] { decoder_gone(); });
-
-    if (revents & EV_READ) {
-        char buffer[CLIENT_READ_SIZE] = {};
-        const ssize_t n = retry_on_eintr([&] { return read(io.fd, buffer, sizeof(buffer)); });
-        if (n < 0) {
-            LOGE("read decoder client msg failed: [%d] %s", errno, strerror(errno));
-            return;
-        }
-        if (n == 0) {
-            LOGD("decoder client disconnected");
-            return;
-        }
-        doorbell();
-        gone.cancel();
-        return;
-    }
-
-    if (revents & EV_WRITE) {
-        const uint8_t sync = SYNC_MSG_BYTE;
-        // MSG_NOSIGNAL: a client that shut down its reading side ends itself, not the service.
-        const ssize_t n = retry_on_eintr([&] { return send(io.fd, &sync, 1, MSG_NOSIGNAL); });
-        if (n < 0) {
-            LOGE("send sync msg to decoder client failed: [%d] %s", errno, strerror(errno));
-            return;
-        }
-        if (n == 1) {
-            synced_at = SpinWait::Clock::now();
-            set_write_interest(io, false);
-            io.start();
-        }
-        gone.cancel();
-        return;
-    }
-
-    if (revents & EV_ERROR) {
-        LOGE("decoder io event error");
-        return;
-    }
-    gone.cancel();
-}
-
-void MediaServer::decoder_handle_t::on_decoder_notify_event(ev::async& /*watcher*/,
-                                                            int /*revents*/) {
-    LOGD("decoder notify event");
-    // A client whose shared memory shrank under the mapping has lost its block; its worker has
-    // ended and no result will ever be valid, so the client is dropped instead of synced.
-    if (decoder && decoder->block_lost()) {
-        decoder_gone();
-        return;
-    }
-    if (request_in_flight) {
-        request_in_flight = false;
-        last_request = SpinWait::Clock::now() - rung_at;
-    }
-    if (io) {
-        set_write_interest(*io, true);
-        io->start();
-    }
+    std::unique_ptr<decoder_handle_t> handle(new decoder_handle_t);
+    handle->client = client;
+    handle->pid = pid;
+    handle->control = std::move(mine);
+    handle->control_io.reset(new ev::io());
+    handle->control_io->set<decoder_handle_t, &decoder_handle_t::on_control_io_event>(handle.get());
+    handle->control_io->start(handle->control.get(), EV_READ);
+    handle->exit_watcher.reset(new ev::child());
+    handle->exit_watcher->set<decoder_handle_t, &decoder_handle_t::on_worker_exit_event>(
+        handle.get());
+    handle->exit_watcher->start(pid, 0);
+    handle->on_terminate = [this](const decoder_handle_t* gone) {
+        purge_list.push_back(gone);
+        ev_feed_event(EV_DEFAULT_UC, decoder_purge_io.get(), EV_READ);
+    };
+    return handle;
 }

@@ -240,11 +240,11 @@ void MediaServer::register_session(std::unique_ptr<pending_io_t> pending, int se
 // Type 2: the descriptor passed. Type 3: the object opened by name, which must be the object of
 // the descriptor passed, so that a client can map only an object it holds; another object of the
 // user's is refused without being mapped.
-int MediaServer::shared_memory_of(client_type_msg_t& msg) {
+UniqueFd MediaServer::shared_memory_of(client_type_msg_t& msg) {
     if (msg.client_type == CLIENT_TYPE_ASHMEM_DECODER) {
-        return msg.shm_fd.release();
+        return std::move(msg.shm_fd);
     }
-    UniqueFd named(shm_open(msg.shm_name, O_RDWR, 0600));
+    UniqueFd named(shm_open(msg.shm_name, O_RDWR | O_CLOEXEC, 0600));
     int error = errno;
     if (named.valid() && !same_object(named.get(), msg.shm_fd.get())) {
         named.reset();
@@ -253,41 +253,23 @@ int MediaServer::shared_memory_of(client_type_msg_t& msg) {
     if (!named.valid()) {
         LOGE("shared memory object open failed: [%d] %s", error, strerror(error));
     }
-    return named.release();
+    return named;
 }
 
+// The client's connection and block go to its worker; this process keeps neither.
 void MediaServer::register_decoder(std::unique_ptr<pending_io_t> pending, client_type_msg_t msg) {
     if (!msg.shm_fd.valid()) {
         LOGE("no ashmem file descriptor or posix shared memory descriptor sent with msg");
         return;
     }
-    std::unique_ptr<decoder_handle_t> handle(new decoder_handle_t);
-    handle->fd = std::move(pending->fd);
-    handle->io = std::move(pending->io);
-    handle->io->stop();
-    handle->io->set<decoder_handle_t, &decoder_handle_t::on_decoder_client_io_event>(handle.get());
-    handle->io->set(EV_READ);
-    handle->io->start();
-
-    // Started before the worker exists, so the worker's first signal always finds it running.
-    handle->notify = std::make_shared<ev::async>();
-    handle->notify->set<decoder_handle_t, &decoder_handle_t::on_decoder_notify_event>(handle.get());
-    handle->notify->start();
-
-    handle->on_terminate = [this](const decoder_handle_t* gone) {
-        purge_list.push_back(gone);
-        ev_feed_event(EV_DEFAULT_UC, decoder_purge_io.get(), EV_READ);
-    };
-
-    const int shm_fd = shared_memory_of(msg);
-    if (shm_fd < 0) {
+    UniqueFd block = shared_memory_of(msg);
+    if (!block.valid()) {
         return;
     }
-    // The decoder owns the descriptor from here on, whether or not it can map it.
-    handle->decoder.reset(
-        new MediaDecoder(handle->notify, shm_fd, msg.client_type == CLIENT_TYPE_ASHMEM_DECODER));
-    handle->decoder->name_client(handle->fd.get());
-    if (!handle->decoder->valid() || !handle->decoder->run()) {
+    pending->io->stop();
+    std::unique_ptr<decoder_handle_t> handle = start_worker(
+        pending->fd.get(), std::move(block), msg.client_type == CLIENT_TYPE_ASHMEM_DECODER);
+    if (!handle) {
         LOGE("decoder instance create failed");
         return;
     }

@@ -16,6 +16,7 @@
 #include "base/eintr.h"
 #include "server/media_server.h"
 #include "server/server_internal.h"
+#include "server/worker_launch.h"
 
 namespace {
 
@@ -35,8 +36,10 @@ MediaServer::listen_handle_t::~listen_handle_t() {
     // closes.
 }
 
-MediaServer::MediaServer(const std::string& path)
-    : socket_path(path), listen_handle(new listen_handle_t) {
+MediaServer::MediaServer(const std::string& path, UniqueFd program)
+    : socket_path(path),
+      worker_program(program.valid() ? std::move(program) : worker_launch::open_own_program()),
+      listen_handle(new listen_handle_t) {
     UniqueFd fd = listen();
     if (fd.valid()) {
         listen_handle->fd = std::move(fd);
@@ -54,9 +57,6 @@ MediaServer::MediaServer(const std::string& path)
     }
     decoder_purge_io.reset(new ev::io());
     decoder_purge_io->set<MediaServer, &MediaServer::on_decoder_purge_io_event>(this);
-    loop_prepare.reset(new ev::prepare());
-    loop_prepare->set<MediaServer, &MediaServer::on_loop_prepare_event>(this);
-    loop_prepare->start();
 }
 
 UniqueFd MediaServer::listen() {
@@ -165,17 +165,15 @@ void MediaServer::stop() {
         }
     }
     for (auto& handle : decoder_handles) {
-        if (handle && handle->decoder) {
-            handle->decoder->signal_quit();
-        }
+        handle->signal_quit();
     }
     stopped_callback();
 }
 
-std::vector<const MediaDecoder*> MediaServer::decoders() const {
-    std::vector<const MediaDecoder*> registered;
+std::vector<pid_t> MediaServer::workers() const {
+    std::vector<pid_t> registered;
     for (const auto& handle : decoder_handles) {
-        registered.push_back(handle->decoder.get());
+        registered.push_back(handle->pid);
     }
     return registered;
 }
@@ -196,34 +194,12 @@ void MediaServer::on_decoder_purge_io_event(ev::io& /*watcher*/, int /*revents*/
     purge_list.clear();
 }
 
-// Before the loop sleeps: while a client that sends short requests (empty ones, audio packets)
-// back to back has one in flight, spin until a worker completes one. Its completion signal then
-// finds the loop awake instead of having to wake it, which would cost more than the request.
-// Long requests (a video picture) and clients that pause between requests (a player keeping to
-// its frame rate) are waited for asleep.
-void MediaServer::on_loop_prepare_event(ev::prepare& /*watcher*/, int /*revents*/) {
-    const SpinWait::Clock::duration short_request = completion_spin.bound();
-    const auto awaited = [short_request](const std::unique_ptr<decoder_handle_t>& h) {
-        return h->awaited(short_request);
-    };
-    if (std::none_of(decoder_handles.begin(), decoder_handles.end(), awaited)) {
-        return;
-    }
-    completion_spin.spin([this, &awaited] {
-        return std::any_of(decoder_handles.begin(), decoder_handles.end(),
-                           [&awaited](const std::unique_ptr<decoder_handle_t>& h) {
-                               return awaited(h) &&
-                                      h->decoder->completed_requests() != h->completions_before;
-                           });
-    });
-}
-
 MediaServer::~MediaServer() {
     // No connection can be accepted or classified from here on.
     listen_handle.reset();
     // The session client's socket is closed before any decoder is destroyed.
     session_handle.reset();
-    // Each decoder joins its worker (told to quit by stop()) before its client's socket closes.
+    // Each worker (told to quit by stop()) ends, its client's connection with it, in turn.
     for (auto& handle : decoder_handles) {
         handle.reset();
     }

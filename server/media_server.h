@@ -4,24 +4,25 @@
 // threads are the decoder workers, which meet the loop through their decoder's flags (stored under
 // its request_mutex) and the handle's ev::async.
 //
+// Each registered decoder client is served by a worker process of its own (server/worker_launch.h,
+// server/decoder_worker.h), which reads the client's doorbells and writes its sync msgs; this
+// process keeps the handshake, the session and, per worker, its control connection and its
+// account in the memory budget.
+//
 // Why things are ordered as they are:
 // - No handle is destroyed inside its own callback. A session or decoder client that ends feeds an
 //   event to a never-started watcher (session_terminate_io, decoder_purge_io); its callback runs
 //   later in the same loop iteration, after the handler has returned, and does the destruction.
 //   (A pending connection is the exception: its watcher does nothing after the handler that drops
 //   it, so the handler drops it at once.)
-// - A decoder handle declares fd first and decoder before io and notify, so on destruction the
-//   notify watcher is released and io stopped first, then the decoder joins its worker, and only
-//   then is the client's socket closed: a client never sees its connection closed while a worker
-//   may still write into its block. The decoder's destructor only joins, so the handle's
-//   destructor gives the quit signal first, whatever path destroys it: the end of the client and
-//   stop() give it earlier, but a client that registers after stop() in the same loop iteration
-//   is reached by nothing else.
-// - notify is shared with the worker for the length of one ev_async_send; the handle stops it on
-//   the loop thread before letting go, so whichever side drops the last reference frees an
-//   inactive watcher.
+// - A decoder handle's destructor ends its worker and waits for it: the worker holds the client's
+//   connection and unmaps the block before it closes it, so a client never sees its connection
+//   closed while its block may still be written. stop() only reaches the workers registered when
+//   it runs; the destructor reaches a client that registers after stop() in the same iteration.
 // - The server destroys the listening handle first (no new or pending clients can appear), then
 //   the session, then the decoders in registration order.
+
+#include <sys/types.h>
 
 #include <cstdint>
 #include <functional>
@@ -31,9 +32,9 @@
 
 #include <ev++.h>
 
-#include "base/spin_wait.h"
 #include "base/unique_fd.h"
-#include "decoder/media_decoder.h"
+#include "decoder/exchange_block.h"
+#include "decoder/memory_budget.h"
 
 // Program name (basename of argv[0]) of process `pid`, or an empty string when it cannot be read.
 std::string get_process_exe_name(int pid);
@@ -49,7 +50,9 @@ class MediaServer {
         int session_pid = -1;                  // from the sender's credentials
     };
 
-    explicit MediaServer(const std::string& path);
+    // Listens on `path`; decoder clients are served by workers of `program`, by default the
+    // running program, opened here (the fuzz target names the service's).
+    explicit MediaServer(const std::string& path, UniqueFd program = UniqueFd());
     MediaServer(const MediaServer&) = delete;
     MediaServer& operator=(const MediaServer&) = delete;
     virtual ~MediaServer();
@@ -57,9 +60,8 @@ class MediaServer {
     void on_media_server_stopped(const std::function<void()>& callback);
     void stop();
 
-    // The registered decoder clients' decoders, in order of registration: for the fuzz target,
-    // which plays the clients in the server's own process.
-    std::vector<const MediaDecoder*> decoders() const;
+    // The registered decoder clients' workers, in order of registration.
+    std::vector<pid_t> workers() const;
 
   private:
     // A connection that has not sent its client type msg: its descriptor and its read watcher,
@@ -111,35 +113,30 @@ class MediaServer {
         void end_session();
     };
 
+    // A registered decoder client as this process sees it: the worker that serves it, the control
+    // connection to that worker (it carries the worker's memory grants; closing it ends the
+    // worker), and the worker's account in the service's memory budget.
     struct decoder_handle_t {
-        UniqueFd fd;
-        std::unique_ptr<MediaDecoder> decoder;
-        std::unique_ptr<ev::io> io;
-        std::shared_ptr<ev::async> notify;
+        int client = -1;  // the client's number, which the worker's lines carry
+        pid_t pid = -1;
+        bool reaped = false;
+        UniqueFd control;
+        std::unique_ptr<ev::io> control_io;
+        std::unique_ptr<ev::child> exit_watcher;
+        MemoryAccount account{MemoryBudget::service()};
+        MemoryCharge grant{&account};
         std::function<void(const decoder_handle_t*)> on_terminate;
-        // For the loop's completion spin: the request in flight from its doorbell to the worker's
-        // completion signal, whether that doorbell came right after the last sync msg, and how
-        // long the last request took.
-        bool request_in_flight = false;
-        bool back_to_back = false;
-        uint64_t completions_before = 0;
-        SpinWait::Clock::time_point rung_at;
-        SpinWait::Clock::time_point synced_at;
-        SpinWait::Clock::duration last_request{};
 
         decoder_handle_t() = default;
         decoder_handle_t(const decoder_handle_t&) = delete;
         decoder_handle_t& operator=(const decoder_handle_t&) = delete;
+        // Ends the worker and waits for it, within a bound after which it is killed.
         virtual ~decoder_handle_t();
 
-        void on_decoder_client_io_event(ev::io& io, int revents);
-        void on_decoder_notify_event(ev::async& watcher, int revents);
-        // Whether the loop should spin for this request's completion rather than sleep.
-        bool awaited(SpinWait::Clock::duration short_request) const;
-
-      private:
-        void decoder_gone();
-        void doorbell();
+        // The worker ends after the request it may be running. Idempotent.
+        void signal_quit();
+        void on_control_io_event(ev::io& watcher, int revents);
+        void on_worker_exit_event(ev::child& watcher, int revents);
     };
 
     UniqueFd listen();
@@ -148,7 +145,6 @@ class MediaServer {
     void on_pending_io_event(ev::io& io, int revents);
     void on_session_terminate_io_event(ev::io& watcher, int revents);
     void on_decoder_purge_io_event(ev::io& watcher, int revents);
-    void on_loop_prepare_event(ev::prepare& watcher, int revents);
 
     // The pending connection of descriptor `fd`, out of the pending list; null when it is not
     // there.
@@ -156,11 +152,14 @@ class MediaServer {
     // Each takes the connection over, or drops it with the reason logged.
     void register_session(std::unique_ptr<pending_io_t> pending, int session_pid);
     void register_decoder(std::unique_ptr<pending_io_t> pending, client_type_msg_t msg);
-    // The shared memory descriptor of a decoder client; -1, with the reason logged, when none.
-    int shared_memory_of(client_type_msg_t& msg);
+    // The shared memory descriptor of a decoder client; none, with the reason logged, when none.
+    UniqueFd shared_memory_of(client_type_msg_t& msg);
+    // Starts the worker of a registered decoder client; null, with the reason logged, when none.
+    std::unique_ptr<decoder_handle_t> start_worker(int client, UniqueFd block, bool is_ashmem);
 
     // All of it on the loop thread.
     std::string socket_path;
+    UniqueFd worker_program;
     std::unique_ptr<listen_handle_t> listen_handle;
     std::unique_ptr<session_handle_t> session_handle;
     std::vector<std::unique_ptr<decoder_handle_t>> decoder_handles;
@@ -168,7 +167,4 @@ class MediaServer {
     std::unique_ptr<ev::io> decoder_purge_io;
     std::vector<const decoder_handle_t*> purge_list;
     std::function<void()> stopped_callback;
-    // Runs before the loop goes to sleep; see on_loop_prepare_event.
-    std::unique_ptr<ev::prepare> loop_prepare;
-    SpinWait completion_spin{std::chrono::microseconds(100)};
 };

@@ -3,12 +3,15 @@
 // created or changed. Landlock also keeps ptrace from reaching any process outside the policy.
 
 #include <dirent.h>
+#include <dlfcn.h>
+#include <sys/auxv.h>
 #include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstddef>
@@ -27,10 +30,11 @@ constexpr long kCreateRuleset = 444, kAddRule = 445, kRestrictSelf = 446;
 constexpr uint32_t kCreateRulesetVersion = 1;
 constexpr int kRulePathBeneath = 1;
 
-constexpr uint64_t kReadFile = 1ULL << 2, kWriteFile = 1ULL << 1, kReadDir = 1ULL << 3;
+constexpr uint64_t kExecute = 1ULL << 0, kReadFile = 1ULL << 2, kWriteFile = 1ULL << 1;
+constexpr uint64_t kReadDir = 1ULL << 3;
 constexpr uint64_t kFirstFsRights = (1ULL << 13) - 1;  // version 1: execute to make_sym
 constexpr uint64_t kRefer = 1ULL << 13, kTruncate = 1ULL << 14, kIoctlDev = 1ULL << 15;
-constexpr uint64_t kFileRights = 1ULL << 0 | kWriteFile | kReadFile | kTruncate | kIoctlDev;
+constexpr uint64_t kFileRights = kExecute | kWriteFile | kReadFile | kTruncate | kIoctlDev;
 constexpr uint64_t kTcp = 1ULL << 0 | 1ULL << 1;                      // bind, connect (version 4)
 constexpr uint64_t kScopes = 1ULL << 0 | 1ULL << 1;                   // abstract sockets, signals
 constexpr int kNetVersion = 4, kIoctlVersion = 5, kScopeVersion = 6;  // first versions with them
@@ -108,10 +112,25 @@ bool allow_all(int ruleset, uint64_t handled) {
     if (dev != nullptr) {
         closedir(dev);
     }
-    // The program's own file, for a sanitizer's report to name its functions.
+    // The program's own file, which every worker runs (with the program interpreter the kernel
+    // loads for it), and which a sanitizer's report reads to name its functions; the libraries
+    // preloaded into the service (the test hooks), which every worker loads too.
     char self[PATH_MAX] = {};
     if (readlink("/proc/self/exe", self, sizeof(self) - 1) > 0) {
-        ok = allow(ruleset, self, kReadFile, handled) && ok;
+        ok = allow(ruleset, self, kReadFile | kExecute, handled) && ok;
+    }
+    Dl_info interpreter{};
+    if (dladdr(reinterpret_cast<void*>(getauxval(AT_BASE)), &interpreter) != 0 &&
+        interpreter.dli_fname != nullptr) {
+        ok = allow(ruleset, interpreter.dli_fname, kReadFile | kExecute, handled) && ok;
+    }
+    const char* preload = getenv("LD_PRELOAD");
+    std::string libraries = preload != nullptr ? preload : "";
+    for (size_t start = 0, end; start < libraries.size(); start = end + 1) {
+        end = std::min(libraries.find_first_of(": ", start), libraries.size());
+        if (end > start) {
+            ok = allow(ruleset, libraries.substr(start, end - start), kReadFile, handled) && ok;
+        }
     }
 #ifdef SVC_COVERAGE_DIR
     // A coverage build writes its counts beside its objects at exit: read, write, make files and

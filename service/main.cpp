@@ -1,10 +1,18 @@
 #include <malloc.h>
 #include <unistd.h>
 
-#include "base/system_log.h"
-#include "service/runtime.h"
+#include <cstring>
 
-int main() {
+#include "base/system_log.h"
+#include "server/worker_launch.h"
+#include "service/runtime.h"
+#include "service/worker_main.h"
+
+int main(int argc, char** argv) {
+    // A decoder client's worker, started by the service itself.
+    if (argc > 1 && strcmp(argv[1], worker_launch::kWorkerArgument) == 0) {
+        return run_decoder_worker(argc, argv);
+    }
     // Keeps the working directory; standard streams go to /dev/null. A failure leaves the service
     // running in the foreground.
     int daemonized = daemon(1, 0);

@@ -230,7 +230,7 @@ TEST_F(Trial, SurfaceFormatAndUnmappableBlock) {
     EXPECT_EQ(count("failed to get HW surface format"), 1u);
     EXPECT_EQ(count("get_hw_format: cuda"), 1u);
 
-    MediaDecoder unmappable({}, -1, false);
+    MediaDecoder unmappable(-1, false, 1);
     EXPECT_FALSE(unmappable.valid());
     EXPECT_EQ(count("map shared memory failed: [9] "), 1u);
 }

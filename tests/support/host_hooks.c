@@ -4,9 +4,10 @@
  * - sysconf(_SC_PHYS_PAGES): with SVC_TEST_MEMORY set, the host has that many bytes of memory, so
  *   that a test gets a small memory budget wherever it runs (a cgroup limit below it would still
  *   count, but no test machine has one that small).
- * - syslog(): with SVC_TEST_SYSLOG set, each line goes to the file it names instead, as
- *   "<priority> <text>\n", so that a test can read what the system log would have received. The
- *   file is opened when the hooks are loaded: the confined daemon may no longer open it later. */
+ * - syslog(): with SVC_TEST_SYSLOG set, each line goes to standard error instead (the daemon's log
+ *   in the tests), as "syslog: <priority> <text>\n" in one write, so that a test can read what the
+ *   system log would have received, from every process of the service: a confined worker can
+ *   open no file of the test's. */
 
 #ifndef _GNU_SOURCE
 #define _GNU_SOURCE
@@ -30,17 +31,9 @@ long sysconf(int name) {
     return real(name);
 }
 
-static FILE* svc_hook_syslog_file = NULL;
-
-__attribute__((constructor)) static void svc_hook_open_syslog_file(void) {
-    const char* path = getenv("SVC_TEST_SYSLOG");
-    if (path != NULL && path[0] != '\0') {
-        svc_hook_syslog_file = fopen(path, "ae");
-    }
-}
-
 static void svc_hook_syslog(int priority, const char* format, va_list args) {
-    if (svc_hook_syslog_file == NULL) {
+    const char* copy = getenv("SVC_TEST_SYSLOG");
+    if (copy == NULL || copy[0] == '\0') {
         void (*real)(int, const char*, va_list) =
             (void (*)(int, const char*, va_list))dlsym(RTLD_NEXT, "vsyslog");
         if (real != NULL) {
@@ -48,10 +41,15 @@ static void svc_hook_syslog(int priority, const char* format, va_list args) {
         }
         return;
     }
-    fprintf(svc_hook_syslog_file, "%d ", priority);
-    vfprintf(svc_hook_syslog_file, format, args);
-    fputc('\n', svc_hook_syslog_file);
-    fflush(svc_hook_syslog_file);
+    char line[1024];
+    int n = snprintf(line, sizeof(line), "syslog: %d ", priority);
+    n += vsnprintf(line + n, sizeof(line) - (size_t)n - 1, format, args);
+    if (n > (int)sizeof(line) - 2) {
+        n = (int)sizeof(line) - 2;
+    }
+    line[n] = '\n';
+    ssize_t written = write(STDERR_FILENO, line, (size_t)n + 1);
+    (void)written;
 }
 
 void syslog(int priority, const char* format, ...) {

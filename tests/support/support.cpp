@@ -191,26 +191,50 @@ bool Daemon::start() {
     return up && running();
 }
 
+// The copies for the system log (see host_hooks.c) are left out of the log, and kept apart.
 std::string Daemon::log() const {
-    return read_file(runtime_dir_ + "/daemon.log");
+    return log_lines(false);
+}
+
+std::string Daemon::system_log() const {
+    return log_lines(true);
+}
+
+std::string Daemon::log_lines(bool system) const {
+    static const std::string kMark = "syslog: ";
+    std::istringstream in(read_file(runtime_dir_ + "/daemon.log"));
+    std::string lines;
+    for (std::string line; std::getline(in, line);) {
+        if ((line.compare(0, kMark.size(), kMark) == 0) == system) {
+            lines += (system ? line.substr(kMark.size()) : line) + "\n";
+        }
+    }
+    return lines;
+}
+
+std::vector<pid_t> worker_pids(pid_t pid) {
+    std::vector<pid_t> pids;
+    const std::string p = std::to_string(pid);
+    std::istringstream children(read_file("/proc/" + p + "/task/" + p + "/children"));
+    for (pid_t child; children >> child;) {
+        pids.push_back(child);
+    }
+    return pids;
+}
+
+long service_rss_kb(pid_t pid) {
+    long kb = proc_stat(pid).rss_kb;
+    for (pid_t worker : worker_pids(pid)) {
+        kb += proc_stat(worker).rss_kb;
+    }
+    return kb;
 }
 
 std::vector<std::string> worker_names(pid_t pid) {
     std::vector<std::string> names;
-    const std::string task = "/proc/" + std::to_string(pid) + "/task";
-    auto name_of = [&](const std::string& tid) {
-        const std::string name = read_file(task + "/" + tid + "/comm");
-        return name.substr(0, name.find('\n'));
-    };
-    const std::string process = name_of(std::to_string(pid));
-    DIR* dir = opendir(task.c_str());
-    for (dirent* e = dir ? readdir(dir) : nullptr; e != nullptr; e = readdir(dir)) {
-        if (e->d_name[0] != '.' && name_of(e->d_name) != process) {
-            names.push_back(name_of(e->d_name));
-        }
-    }
-    if (dir != nullptr) {
-        closedir(dir);
+    for (pid_t worker : worker_pids(pid)) {
+        const std::string name = read_file("/proc/" + std::to_string(worker) + "/comm");
+        names.push_back(name.substr(0, name.find('\n')));
     }
     return names;
 }

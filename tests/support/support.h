@@ -60,6 +60,8 @@ class Daemon {
     const std::string& runtime_dir() const { return runtime_dir_; }
     std::string socket_path() const;
     std::string log() const;
+    // What the daemon sent to the system log, when SVC_TEST_SYSLOG copies it into its log.
+    std::string system_log() const;
     size_t count(const std::string& needle) const;
     bool wait_log(const std::string& needle, size_t occurrences = 1, int timeout_ms = 10000) const;
     // SIGSTOP and SIGCONT are tracked: the destructor resumes a daemon left frozen, and only one.
@@ -72,6 +74,8 @@ class Daemon {
     bool barrier() const;
 
   private:
+    std::string log_lines(bool system) const;
+
     Options options_;
     pid_t pid_ = -1;
     bool reaped_ = false;
@@ -80,9 +84,11 @@ class Daemon {
     std::string runtime_dir_;
 };
 
-// The names of a process's threads that are not named like the process (/proc/PID/task/*/comm):
-// the daemon's decoder workers, not its loop thread or a sanitizer's thread.
+// The daemon's decoder workers: its child processes, and their names (/proc/PID/comm).
+std::vector<pid_t> worker_pids(pid_t pid);
 std::vector<std::string> worker_names(pid_t pid);
+// The resident memory of the daemon and its workers.
+long service_rss_kb(pid_t pid);
 
 // An X server of the test's own (Xvfb, on a display number it picks), for the VDPAU stack that
 // runs without a GPU: libvdpau with the VA-API/OpenGL driver. Stopped on destruction.

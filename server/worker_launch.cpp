@@ -1,0 +1,88 @@
+#include "server/worker_launch.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+namespace worker_launch {
+
+namespace {
+
+// Every descriptor from `first` on is closed: the accepting process holds other clients'
+// connections and blocks, and descriptors received from clients are not close-on-exec.
+void close_from(int first) {
+#ifdef SYS_close_range
+    if (syscall(SYS_close_range, first, ~0U, 0) == 0) {
+        return;
+    }
+#endif
+    rlimit limit{};
+    const int last = getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY
+                         ? static_cast<int>(limit.rlim_cur)
+                         : 65536;
+    for (int fd = first; fd < last; ++fd) {
+        close(fd);
+    }
+}
+
+// In the child, between fork and exec: only async-signal-safe calls.
+[[noreturn]] void become_worker(const Launch& l, pid_t parent, char* const argv[]) {
+    // The worker dies with the service (the loop thread, which forks, lives as long as it).
+    if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) {
+        _exit(127);
+    }
+    // Out of the way of the numbers they go to, then to them.
+    const int moved[] = {fcntl(l.client, F_DUPFD, 16), fcntl(l.block, F_DUPFD, 16),
+                         fcntl(l.control, F_DUPFD, 16), fcntl(l.program, F_DUPFD_CLOEXEC, 16)};
+    for (int fd : moved) {
+        if (fd < 0) {
+            _exit(127);
+        }
+    }
+    if (dup2(moved[0], kClientFd) < 0 || dup2(moved[1], kBlockFd) < 0 ||
+        dup2(moved[2], kControlFd) < 0) {
+        _exit(127);
+    }
+    // The program stays open only until the exec.
+    const int program = dup2(moved[3], kControlFd + 1);
+    if (program < 0 || fcntl(program, F_SETFD, FD_CLOEXEC) < 0) {
+        _exit(127);
+    }
+    close_from(program + 1);
+    sigset_t none;
+    sigemptyset(&none);
+    sigprocmask(SIG_SETMASK, &none, nullptr);
+    fexecve(program, argv, environ);
+    _exit(127);
+}
+
+}  // namespace
+
+pid_t launch(const Launch& l) {
+    // Made before the fork: the child may not allocate.
+    std::string number = std::to_string(l.client_number);
+    std::string type = l.is_ashmem ? "ashmem" : "posix";
+    std::string budget = std::to_string(l.budget);
+    char name[] = "media-service";
+    char argument[64];
+    snprintf(argument, sizeof(argument), "%s", kWorkerArgument);
+    char* const argv[] = {name, argument, &number[0], &type[0], &budget[0], nullptr};
+    const pid_t parent = getpid();
+    const pid_t pid = fork();
+    if (pid == 0) {
+        become_worker(l, parent, argv);
+    }
+    return pid;
+}
+
+UniqueFd open_own_program() {
+    return UniqueFd(open("/proc/self/exe", O_RDONLY | O_CLOEXEC));
+}
+
+}  // namespace worker_launch
