@@ -15,6 +15,7 @@
 #include "base/shm_guard.h"
 #include "base/system_log.h"
 #include "decoder/ffmpeg_protocol.h"
+#include "decoder/memory_budget.h"
 
 #define LOG_MODULE "media decoder"
 #define LOG_FILE "media_decoder"
@@ -46,11 +47,33 @@ MediaDecoder::MediaDecoder(int fd, bool is_ashmem, int client) : shm_fd(fd), cli
         }
     }
     guard_slot = ShmGuard::add(block, ashmem ? ashmem->mSize : SHM_BLOCK_SIZE);
-    codec.reset(new MediaCodec({reinterpret_cast<ExchangeResult*>(block + SHM_RESULT_OFFSET),
-                                block + SHM_OUTPUT_OFFSET,
-                                [this](size_t used) { clear_output_after(used); }}));
+    codec.reset(new MediaCodec(
+        {reinterpret_cast<ExchangeResult*>(block + SHM_RESULT_OFFSET), block + SHM_OUTPUT_OFFSET,
+         [this](size_t used) { clear_output_after(used); }},
+        MemoryBudget::service(), &devices));
     valid_ = true;
     name_worker();
+}
+
+OpenedDevices::~OpenedDevices() {
+    for (auto& type : opened_) {
+        av_buffer_unref(&type.second.device);
+    }
+}
+
+int OpenedDevices::create_device(AVBufferRef** device, AVHWDeviceType type) const {
+    auto it = opened_.find(type);
+    if (it == opened_.end()) {
+        Opened opened{HardwareSeam::create_device(device, type), nullptr};
+        opened.device = opened.result >= 0 ? av_buffer_ref(*device) : nullptr;
+        opened_.emplace(type, opened);
+        return opened.result;
+    }
+    if (it->second.device == nullptr) {
+        return it->second.result;
+    }
+    *device = av_buffer_ref(it->second.device);
+    return *device != nullptr ? 0 : AVERROR(ENOMEM);
 }
 
 MediaDecoder::~MediaDecoder() {

@@ -6,12 +6,31 @@
 
 #include <cstdint>
 #include <cstring>
+#include <map>
 #include <memory>
 
 #include "base/ashmem.h"
 #include "base/unique_fd.h"
 #include "decoder/exchange_block.h"
 #include "decoder/media_codec.h"
+
+// A worker opens each type of hardware device once, at its first setup, before it confines itself
+// for decoding (which opens no device); later setups and resets share it, or get its error again.
+class OpenedDevices : public MediaCodec::HardwareSeam {
+  public:
+    OpenedDevices() = default;
+    OpenedDevices(const OpenedDevices&) = delete;
+    OpenedDevices& operator=(const OpenedDevices&) = delete;
+    ~OpenedDevices() override;
+    int create_device(AVBufferRef** device, AVHWDeviceType type) const override;
+
+  private:
+    struct Opened {
+        int result;
+        AVBufferRef* device;
+    };
+    mutable std::map<int, Opened> opened_;  // by AVHWDeviceType
+};
 
 class MediaDecoder {
   public:
@@ -30,6 +49,8 @@ class MediaDecoder {
     // end once it is answered: a failed init, an unknown request, or a block that shrank under
     // the mapping (then it reads zero and no result can reach the client).
     bool serve_request();
+    // The request that waits in the block.
+    uint32_t pending_request() const { return read_request<uint32_t>(REQ_TYPE_OFFSET); }
     // Whether the client's object shrank under the mapping: the client must be dropped, not synced.
     bool block_lost() const { return lost_; }
     // The mapped block, for the fuzz target, which plays the clients in the service's process.
@@ -56,6 +77,7 @@ class MediaDecoder {
     std::unique_ptr<AshMemory> ashmem;
     int guard_slot = -1;
     int client_number = -1;
+    OpenedDevices devices;  // outlives the codec, whose contexts refer to them
     std::unique_ptr<MediaCodec> codec;
     char worker_name[16] = {};  // the name last given to the worker
 };

@@ -17,18 +17,17 @@
 
 namespace {
 
-// How long the service's stop waits for a worker to finish its request and tear down before it is
-// killed: a picture takes milliseconds, a worker stopped by a debugger forever.
+// How long the service's stop waits for a worker to finish its request and tear down: a picture
+// takes milliseconds, a worker stopped by a debugger forever. One that is still there when the
+// service exits is killed by the kernel then (its parent-death signal); the service can signal
+// no process itself.
 constexpr std::chrono::seconds kWorkerEndBound(10);
 
-// Waits for `pid` to end, killing it after the bound.
 void reap(pid_t pid) {
     const auto deadline = std::chrono::steady_clock::now() + kWorkerEndBound;
     while (waitpid(pid, nullptr, WNOHANG) == 0) {
         if (std::chrono::steady_clock::now() > deadline) {
-            LOGE("decoder worker %d did not end, killing it", static_cast<int>(pid));
-            kill(pid, SIGKILL);
-            retry_on_eintr([pid] { return waitpid(pid, nullptr, 0); });
+            LOGE("decoder worker %d did not end; it ends with the service", static_cast<int>(pid));
             return;
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(1));

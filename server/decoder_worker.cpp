@@ -16,8 +16,12 @@
 using server_detail::CLIENT_READ_SIZE;
 
 DecoderWorker::DecoderWorker(UniqueFd client, UniqueFd control,
-                             std::unique_ptr<MediaDecoder> decoder)
-    : client_(std::move(client)), control_(std::move(control)), decoder_(std::move(decoder)) {}
+                             std::unique_ptr<MediaDecoder> decoder,
+                             std::function<void()> before_decoding)
+    : client_(std::move(client)),
+      control_(std::move(control)),
+      decoder_(std::move(decoder)),
+      before_decoding_(std::move(before_decoding)) {}
 
 DecoderWorker::~DecoderWorker() {
     decoder_.reset();
@@ -34,6 +38,10 @@ void DecoderWorker::run() {
         }
         if (doorbell == Doorbell::kNone || !serving_) {
             continue;  // a decoder that a request ended answers nothing more
+        }
+        if (before_decoding_ && decoder_->pending_request() != REQUEST_INIT_CODEC) {
+            before_decoding_();
+            before_decoding_ = nullptr;
         }
         serving_ = decoder_->serve_request();
         LOGD("decoder notify event");

@@ -5,6 +5,7 @@
 // stands between a client and its decoder. It ends when its client leaves, when the accepting
 // process closes the control connection (the service stops), or when a request ends it.
 
+#include <functional>
 #include <memory>
 
 #include "base/spin_wait.h"
@@ -13,8 +14,11 @@
 
 class DecoderWorker {
   public:
-    // `client` is the client's connection, `control` the connection to the accepting process.
-    DecoderWorker(UniqueFd client, UniqueFd control, std::unique_ptr<MediaDecoder> decoder);
+    // `client` is the client's connection, `control` the connection to the accepting process;
+    // `before_decoding` runs once, before the first request that is not a setup: the worker then
+    // confines itself for decoding.
+    DecoderWorker(UniqueFd client, UniqueFd control, std::unique_ptr<MediaDecoder> decoder,
+                  std::function<void()> before_decoding);
     DecoderWorker(const DecoderWorker&) = delete;
     DecoderWorker& operator=(const DecoderWorker&) = delete;
     // The decoder goes first (its teardown lines, the block unmapped), then the connection closes:
@@ -37,6 +41,7 @@ class DecoderWorker {
     UniqueFd client_;
     UniqueFd control_;
     std::unique_ptr<MediaDecoder> decoder_;
+    std::function<void()> before_decoding_;  // empty once it has run
     bool serving_ = true;  // false once a request ended the decoder: doorbells go unanswered
     // After a sync msg, how long to look for the next doorbell before sleeping in poll: a client
     // in a tight loop rings again within microseconds, and a sleeping worker would cost it a

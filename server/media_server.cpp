@@ -178,8 +178,8 @@ std::vector<pid_t> MediaServer::workers() const {
     return registered;
 }
 
+// The worker has logged its client's departure and its own cleaning; this is the handle's end.
 void MediaServer::on_decoder_purge_io_event(ev::io& /*watcher*/, int /*revents*/) {
-    LOGD("cleaning disconnected and/or error decoder clients");
     for (const decoder_handle_t* gone : purge_list) {
         if (gone == nullptr) {
             continue;

@@ -28,14 +28,19 @@ int threads() {
 
 }  // namespace
 
-void confine_process() {
-    const int running = threads();
+void confine(Stage stage) {
+    // A worker's decoding stage narrows what its first stage, applied while it was alone, binds
+    // every thread to already; FFmpeg's threads may run by then.
+    const int running = stage == Stage::kWorkerDecoding ? 1 : threads();
     std::string note;
-    const std::string files = restrict_file_system(&note);
-    const std::string calls = restrict_system_calls();
+    const std::string files = restrict_file_system(stage, &note);
+    const std::string calls = restrict_system_calls(stage);
     if (files.empty() && calls.empty() && running == 1) {
-        LOGD("confined: system calls filtered, files restricted%s%s", note.empty() ? "" : "; ",
-             note.c_str());
+        LOGD("confined%s: system calls filtered, files restricted%s%s",
+             stage == Stage::kAccepting       ? ""
+             : stage == Stage::kWorkerDevices ? " for its devices"
+                                              : " for decoding",
+             note.empty() ? "" : "; ", note.c_str());
         return;
     }
     // One line says what stays open; the service serves all the same.

@@ -24,6 +24,8 @@
 
 namespace {
 
+using confinement::Stage;
+
 // Landlock's interface, written out here: Debian 11's kernel headers predate it and Debian 12's
 // know only its first versions. The values are the kernel's, the same on every architecture.
 constexpr long kCreateRuleset = 444, kAddRule = 445, kRestrictSelf = 446;
@@ -35,9 +37,9 @@ constexpr uint64_t kReadDir = 1ULL << 3;
 constexpr uint64_t kFirstFsRights = (1ULL << 13) - 1;  // version 1: execute to make_sym
 constexpr uint64_t kRefer = 1ULL << 13, kTruncate = 1ULL << 14, kIoctlDev = 1ULL << 15;
 constexpr uint64_t kFileRights = kExecute | kWriteFile | kReadFile | kTruncate | kIoctlDev;
-constexpr uint64_t kTcp = 1ULL << 0 | 1ULL << 1;                      // bind, connect (version 4)
-constexpr uint64_t kScopes = 1ULL << 0 | 1ULL << 1;                   // abstract sockets, signals
-constexpr int kNetVersion = 4, kIoctlVersion = 5, kScopeVersion = 6;  // first versions with them
+constexpr uint64_t kTcp = 1ULL << 0 | 1ULL << 1;                        // bind, connect (version 4)
+constexpr uint64_t kAbstractSockets = 1ULL << 0, kSignals = 1ULL << 1;  // scopes (version 6)
+constexpr int kNetVersion = 4, kIoctlVersion = 5, kScopeVersion = 6;    // first versions with them
 
 struct RulesetAttr {
     uint64_t handled_access_fs;
@@ -53,16 +55,28 @@ struct __attribute__((packed)) PathBeneath {
 constexpr uint64_t kRead = kReadFile | kReadDir;
 constexpr uint64_t kDevice = kRead | kWriteFile | kIoctlDev;
 
-// What the service opens after it serves: the clients' POSIX shared memory, the session
-// process's command line, and what hardware decoding reads: driver libraries and their
-// configuration, sysfs and procfs entries, the devices. Missing paths are left out.
+// What each kind of process opens once it is confined; missing paths are left out.
 struct PathRule {
     const char* path;
     uint64_t access;
 };
-const PathRule kPaths[] = {
-    {"/dev/shm", kReadFile | kWriteFile},
-    {"/proc", kRead},
+// The accepting process: the clients' POSIX shared memory, the session process's command line,
+// and what a starting worker loads (libraries, their configuration) and opens until it confines
+// itself.
+const PathRule kAccepting[] = {
+    {"/dev", kReadDir},       {"/dev/shm", kReadFile | kWriteFile},
+    {"/proc", kRead},         {"/sys", kRead},
+    {"/usr", kRead},          {"/lib", kRead},
+    {"/lib64", kRead},        {"/lib32", kRead},
+    {"/opt", kRead},          {"/etc", kRead},
+    {"/dev/dri", kDevice},    {"/dev/null", kReadFile | kWriteFile},
+    {"/dev/zero", kReadFile}, {"/dev/urandom", kReadFile},
+};
+// A worker opening its devices: driver libraries and their configuration, sysfs, its own procfs
+// entries, the device nodes. Not /dev/shm (its block is mapped already) and no other process.
+const PathRule kWorkerDevices[] = {
+    {"/dev", kReadDir},
+    {"/proc/self", kRead},
     {"/sys", kRead},
     {"/usr", kRead},
     {"/lib", kRead},
@@ -75,9 +89,22 @@ const PathRule kPaths[] = {
     {"/dev/zero", kReadFile},
     {"/dev/urandom", kReadFile},
 };
+// A worker decoding: what the C library and a sanitizer read of the process itself.
+const PathRule kWorkerDecoding[] = {
+    {"/proc/self", kRead},
+    {"/sys/devices/system/cpu", kRead},
+};
 // Device nodes in /dev of the NVIDIA drivers, found by these prefixes (nvidia0, nvidiactl,
 // nvidia-uvm, nvhost-*, nvmap).
 const char* const kDevicePrefixes[] = {"nvidia", "nvhost", "nvmap"};
+
+// Signals never leave the process's domain. Abstract sockets do until a worker decodes: the X
+// server that VDPAU opens listens on one (and the C library's X client gives up, rather than take
+// the server's file, when that one is refused); the accepting process's policy stays on the workers
+// it starts. From the first packet on, the system call filter refuses every new connection anyway.
+uint64_t scopes(Stage stage) {
+    return kSignals | (stage == Stage::kWorkerDecoding ? kAbstractSockets : 0);
+}
 
 uint64_t fs_rights(int version) {
     return kFirstFsRights | (version >= 2 ? kRefer : 0) | (version >= 3 ? kTruncate : 0) |
@@ -87,7 +114,9 @@ uint64_t fs_rights(int version) {
 // Allows `access` beneath `path` (or on the file `path`); false only on an error of the rule
 // itself, not when the path does not exist.
 bool allow(int ruleset, const std::string& path, uint64_t access, uint64_t handled) {
-    UniqueFd fd(open(path.c_str(), O_PATH | O_CLOEXEC));
+    // Not O_PATH, which the system call filters refuse: a handle without access could be handed
+    // on past the file system policy.
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat st;
     if (!fd.valid() || fstat(fd.get(), &st) != 0) {
         return true;
@@ -96,11 +125,17 @@ bool allow(int ruleset, const std::string& path, uint64_t access, uint64_t handl
     return rule.allowed_access == 0 || syscall(kAddRule, ruleset, kRulePathBeneath, &rule, 0) == 0;
 }
 
-bool allow_all(int ruleset, uint64_t handled) {
+template <size_t N>
+bool allow_paths(int ruleset, const PathRule (&rules)[N], uint64_t handled) {
     bool ok = true;
-    for (const PathRule& rule : kPaths) {
+    for (const PathRule& rule : rules) {
         ok = allow(ruleset, rule.path, rule.access, handled) && ok;
     }
+    return ok;
+}
+
+bool allow_nvidia_devices(int ruleset, uint64_t handled) {
+    bool ok = true;
     DIR* dev = opendir("/dev");
     for (dirent* e = dev != nullptr ? readdir(dev) : nullptr; e != nullptr; e = readdir(dev)) {
         for (const char* prefix : kDevicePrefixes) {
@@ -112,25 +147,63 @@ bool allow_all(int ruleset, uint64_t handled) {
     if (dev != nullptr) {
         closedir(dev);
     }
-    // The program's own file, which every worker runs (with the program interpreter the kernel
-    // loads for it), and which a sanitizer's report reads to name its functions; the libraries
-    // preloaded into the service (the test hooks), which every worker loads too.
+    return ok;
+}
+
+// The program's own file, which every worker runs, with the program interpreter the kernel loads
+// for it (only the accepting process executes it), and which a sanitizer's report reads to name
+// its functions; the libraries preloaded into the service (the test hooks), which every worker
+// loads too.
+bool allow_program(int ruleset, uint64_t access, uint64_t handled) {
+    bool ok = true;
     char self[PATH_MAX] = {};
     if (readlink("/proc/self/exe", self, sizeof(self) - 1) > 0) {
-        ok = allow(ruleset, self, kReadFile | kExecute, handled) && ok;
+        ok = allow(ruleset, self, access, handled) && ok;
     }
     Dl_info interpreter{};
     if (dladdr(reinterpret_cast<void*>(getauxval(AT_BASE)), &interpreter) != 0 &&
         interpreter.dli_fname != nullptr) {
-        ok = allow(ruleset, interpreter.dli_fname, kReadFile | kExecute, handled) && ok;
+        ok = allow(ruleset, interpreter.dli_fname, access, handled) && ok;
     }
     const char* preload = getenv("LD_PRELOAD");
-    std::string libraries = preload != nullptr ? preload : "";
+    const std::string libraries = preload != nullptr ? preload : "";
     for (size_t start = 0, end; start < libraries.size(); start = end + 1) {
         end = std::min(libraries.find_first_of(": ", start), libraries.size());
         if (end > start) {
             ok = allow(ruleset, libraries.substr(start, end - start), kReadFile, handled) && ok;
         }
+    }
+    return ok;
+}
+
+// The X server's authority file, which VDPAU's connection to the display reads.
+bool allow_display_authority(int ruleset, uint64_t handled) {
+    const char* file = getenv("XAUTHORITY");
+    const char* home = getenv("HOME");
+    const std::string path = file != nullptr   ? file
+                             : home != nullptr ? std::string(home) + "/.Xauthority"
+                                               : "";
+    return path.empty() || allow(ruleset, path, kReadFile, handled);
+}
+
+bool allow_stage(int ruleset, Stage stage, uint64_t handled) {
+    bool ok = true;
+    switch (stage) {
+        case Stage::kAccepting:
+            ok = allow_paths(ruleset, kAccepting, handled) &&
+                 allow_nvidia_devices(ruleset, handled) &&
+                 allow_program(ruleset, kReadFile | kExecute, handled) &&
+                 allow_display_authority(ruleset, handled);
+            break;
+        case Stage::kWorkerDevices:
+            ok = allow_paths(ruleset, kWorkerDevices, handled) &&
+                 allow_nvidia_devices(ruleset, handled) &&
+                 allow_program(ruleset, kReadFile, handled) &&
+                 allow_display_authority(ruleset, handled);
+            break;
+        case Stage::kWorkerDecoding:
+            ok = allow_paths(ruleset, kWorkerDecoding, handled);
+            break;
     }
 #ifdef SVC_COVERAGE_DIR
     // A coverage build writes its counts beside its objects at exit: read, write, make files and
@@ -149,13 +222,13 @@ std::string failed(const char* what) {
 
 namespace confinement {
 
-std::string restrict_file_system(std::string* note) {
+std::string restrict_file_system(Stage stage, std::string* note) {
     const long version = syscall(kCreateRuleset, nullptr, 0, kCreateRulesetVersion);
     if (version < 1) {
         return failed("this kernel has no Landlock");
     }
     const RulesetAttr attr{fs_rights(static_cast<int>(version)), version >= kNetVersion ? kTcp : 0,
-                           version >= kScopeVersion ? kScopes : 0};
+                           version >= kScopeVersion ? scopes(stage) : 0};
     // Older kernels take the part of the structure they know.
     const size_t size = version >= kScopeVersion ? sizeof(attr)
                         : version >= kNetVersion ? offsetof(RulesetAttr, scoped)
@@ -164,7 +237,7 @@ std::string restrict_file_system(std::string* note) {
     if (!ruleset.valid()) {
         return failed("creating the ruleset");
     }
-    if (!allow_all(ruleset.get(), attr.handled_access_fs)) {
+    if (!allow_stage(ruleset.get(), stage, attr.handled_access_fs)) {
         return failed("adding a rule");
     }
     if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || syscall(kRestrictSelf, ruleset.get(), 0)) {

@@ -53,7 +53,7 @@ Runtime::Runtime() {
     });
     // A daemon that listens, not yet serving anyone: from here on a taken-over decoder finds
     // nothing else it can do.
-    confinement::confine_process();
+    confinement::confine(confinement::Stage::kAccepting);
 }
 
 Runtime::~Runtime() = default;

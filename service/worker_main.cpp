@@ -4,8 +4,10 @@
 #include "service/worker_main.h"
 
 #include <malloc.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -21,7 +23,22 @@
 
 using namespace worker_launch;
 
+// Sanitizers reserve terabytes of shadow memory, which a memory limit would count.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define SVC_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define SVC_SANITIZED 1
+#endif
+#endif
+#ifndef SVC_SANITIZED
+#define SVC_SANITIZED 0
+#endif
+
 namespace {
+
+constexpr rlim_t kMaxDescriptors = 128;
+constexpr rlim_t kProgramMemory = rlim_t{512} << 20;
 
 // The worker's memory comes from the accepting process: a grant is asked for, and waited for, on
 // the control connection.
@@ -32,6 +49,26 @@ bool ask_for_memory(int64_t wanted, MemoryGrant* answer) {
     }
     return retry_on_eintr([&] { return recv(kControlFd, answer, sizeof(*answer), 0); }) ==
            static_cast<ssize_t>(sizeof(*answer));
+}
+
+// Ceilings the kernel enforces whatever code runs here: descriptors (a client needs its
+// connection, its block, the control connection and what its devices open), and, outside the
+// sanitizers' builds (whose shadow memory counts too), private memory: the most the service's
+// budget can grant one worker, plus what its program, libraries and thread stacks take.
+void set_limits(int64_t budget) {
+    const rlimit files{kMaxDescriptors, kMaxDescriptors};
+    if (setrlimit(RLIMIT_NOFILE, &files) != 0) {
+        LOGW("no descriptor limit: [%d] %s", errno, strerror(errno));
+    }
+#if !SVC_SANITIZED
+    const rlim_t bytes = static_cast<rlim_t>(budget) + kProgramMemory;
+    const rlimit data{bytes, bytes};
+    if (budget > 0 && setrlimit(RLIMIT_DATA, &data) != 0) {
+        LOGW("no memory limit: [%d] %s", errno, strerror(errno));
+    }
+#else
+    (void)budget;
+#endif
 }
 
 }  // namespace
@@ -54,7 +91,14 @@ int run_decoder_worker(int argc, char** argv) {
         LOGE("decoder instance create failed");
         return 0;
     }
-    DecoderWorker worker(UniqueFd(kClientFd), UniqueFd(kControlFd), std::move(decoder));
-    worker.run();
+    set_limits(MemoryBudget::service().limit());
+    confinement::confine(confinement::Stage::kWorkerDevices);
+    {
+        DecoderWorker worker(UniqueFd(kClientFd), UniqueFd(kControlFd), std::move(decoder),
+                             [] { confinement::confine(confinement::Stage::kWorkerDecoding); });
+        worker.run();
+    }
+    // The log's switch back to standard output at exit is the service's, not each worker's.
+    SvcLogOff();
     return 0;
 }

@@ -177,11 +177,12 @@ class Soak : public ::testing::Test {
         }
         reap(true);
     }
-    // Waits until the daemon holds the descriptors and threads of `target`.
+    // Waits until the daemon holds the descriptors and threads of `target`, and no worker.
     ProcStat settle(const ProcStat& target) {
         wait_until(30000, [&] {
             const ProcStat now = proc_stat(daemon.pid());
-            return now.fds == target.fds && now.threads == target.threads;
+            return now.fds == target.fds && now.threads == target.threads &&
+                   worker_pids(daemon.pid()).empty();
         });
         usleep(200000);
         return proc_stat(daemon.pid());
@@ -231,6 +232,7 @@ TEST_F(Soak, ClientsComeAndGoAndTheDaemonReturnsToItsBaseline) {
     EXPECT_EQ(failed, 0) << "see the clients' lines above";
     EXPECT_EQ(end.fds, baseline.fds);
     EXPECT_EQ(end.threads, baseline.threads);
+    EXPECT_EQ(worker_pids(daemon.pid()).size(), 0u);
     EXPECT_TRUE(sizeof(SVC_SANITIZER) > 1 || end.rss_kb <= baseline.rss_kb + kRssMarginKb)
         << end.rss_kb;
     // A new client is served: a whole stream with every answer right.

@@ -1,14 +1,14 @@
 /* The attacker of the confinement tests: code that a decoder bug has smuggled into the daemon.
  * Preloaded with the test hooks, it wraps avcodec_send_packet, and on a packet that reads
- * "ATTACK <action>" tries that action from the decoder worker, inside the call, where such code
- * would run. Each attempt's outcome goes to the file named by SVC_TEST_ATTACKS as
- * "<action> refused <errno>\n" or "<action> SUCCEEDED\n" (the file is opened when the hooks are
- * loaded: the confined daemon may no longer open it). An action that the kernel answers by ending
- * the process writes nothing; the test sees the daemon end by SIGSYS.
+ * "ATTACK <action>" tries that action from the client's worker, inside the call, where such code
+ * would run. Each attempt's outcome goes to standard error (the daemon's log in the tests) as
+ * "attack: <action> refused <errno>\n" or "attack: <action> SUCCEEDED\n": a confined worker can
+ * open no file of the test's. An action that the kernel answers by ending the worker writes
+ * nothing; the test sees the worker end by its signal.
  *
  * What the actions reach comes from the daemon's environment: HOME (a folder of the test's with a
- * file "secret"), SVC_TEST_ATTACK_PID (another process of the user's) and SVC_TEST_ATTACK_ADDR
- * (an address in that process). */
+ * file "secret"), SVC_TEST_ATTACK_PID (another process of the user's), SVC_TEST_ATTACK_ADDR (an
+ * address in that process) and SVC_TEST_ATTACK_SHM (a POSIX shared memory object of the user's). */
 
 #ifndef _GNU_SOURCE
 #define _GNU_SOURCE
@@ -24,12 +24,18 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/inotify.h>
+#include <sys/ipc.h>
 #include <sys/mman.h>
+#include <sys/personality.h>
+#include <sys/resource.h>
+#include <sys/shm.h>
 #include <sys/mount.h>
 #include <sys/ptrace.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -38,15 +44,6 @@
 #ifndef SYS_clone3
 #define SYS_clone3 435
 #endif
-
-static FILE* attack_log = NULL;
-
-__attribute__((constructor)) static void attacker_open_log(void) {
-    const char* path = getenv("SVC_TEST_ATTACKS");
-    if (path != NULL && path[0] != '\0') {
-        attack_log = fopen(path, "ae");
-    }
-}
 
 static pid_t victim(void) {
     const char* pid = getenv("SVC_TEST_ATTACK_PID");
@@ -71,6 +68,112 @@ static int new_process(unsigned long flags) {
         _exit(0);
     }
     return pid > 0 ? (waitpid((pid_t)pid, NULL, 0), 0) : -errno;
+}
+
+/* Hands a descriptor of the home folder to the client over the worker's connection to it. */
+static int send_home(void) {
+    int home = open(getenv("HOME") ? getenv("HOME") : "/", O_PATH | O_CLOEXEC);
+    if (home < 0) {
+        home = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    }
+    char byte = 'Y';
+    struct iovec iov = {&byte, 1};
+    char control[CMSG_SPACE(sizeof(int))];
+    memset(control, 0, sizeof(control));
+    struct msghdr msg;
+    memset(&msg, 0, sizeof(msg));
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control;
+    msg.msg_controllen = sizeof(control);
+    struct cmsghdr* cmsg = CMSG_FIRSTHDR(&msg);
+    cmsg->cmsg_level = SOL_SOCKET;
+    cmsg->cmsg_type = SCM_RIGHTS;
+    cmsg->cmsg_len = CMSG_LEN(sizeof(int));
+    memcpy(CMSG_DATA(cmsg), &home, sizeof(int));
+    int ret = 0;
+    for (int fd = 3; fd < 16; ++fd) { /* whichever is the client's connection */
+        ret = result(sendmsg(fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT));
+        if (ret == 0) {
+            break;
+        }
+    }
+    close(home);
+    return ret;
+}
+
+/* Accepts on any descriptor that might be a listening socket. */
+static int accept_any(void) {
+    int ret = -EBADF;
+    for (int fd = 0; fd < 64 && ret != 0; ++fd) {
+        int got = accept4(fd, NULL, NULL, SOCK_NONBLOCK);
+        ret = got >= 0 ? (close(got), 0) : (errno == EBADF || errno == ENOTSOCK ? ret : -errno);
+    }
+    return ret;
+}
+
+/* Makes descriptors until none is left. */
+static int descriptors(void) {
+    int fds[20000];
+    int n = 0, ret = 0;
+    while (n < 20000 && (fds[n] = fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)) >= 0) {
+        ++n;
+    }
+    ret = n < 20000 ? -errno : 0;
+    while (n > 0) {
+        close(fds[--n]);
+    }
+    return ret;
+}
+
+static int rx_mprotect(void) {
+    void* p = mmap(NULL, 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    int ret = mprotect(p, 4096, PROT_READ | PROT_EXEC) == 0 ? 0 : -errno;
+    munmap(p, 4096);
+    return ret;
+}
+
+static int attack_more(const char* action) {
+    const pid_t other = victim();
+    if (strcmp(action, "home-opath") == 0) {
+        return open_home("", O_PATH);
+    } else if (strcmp(action, "send-fd") == 0) {
+        return send_home();
+    } else if (strcmp(action, "accept-any") == 0) {
+        return accept_any();
+    } else if (strcmp(action, "descriptors") == 0) {
+        return descriptors();
+    } else if (strcmp(action, "rx-mprotect") == 0) {
+        return rx_mprotect();
+    } else if (strcmp(action, "shm-open") == 0) {
+        const char* name = getenv("SVC_TEST_ATTACK_SHM");
+        return result(shm_open(name ? name : "/none", O_RDWR, 0));
+    } else if (strcmp(action, "prlimit-other") == 0) {
+        struct rlimit none = {0, 0};
+        return result(prlimit(other, RLIMIT_NOFILE, &none, NULL));
+    } else if (strcmp(action, "setpriority-user") == 0) {
+        return result(setpriority(PRIO_USER, 0, 19));
+    } else if (strcmp(action, "affinity-other") == 0) {
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        CPU_SET(0, &set);
+        return result(sched_setaffinity(other, sizeof(set), &set));
+    } else if (strcmp(action, "ioprio-set") == 0) {
+        return result(syscall(SYS_ioprio_set, 1 /* IOPRIO_WHO_PROCESS */, other, 7 << 13));
+    } else if (strcmp(action, "chmod-home") == 0) {
+        return result(chmod(getenv("HOME") ? getenv("HOME") : "/", 0777));
+    } else if (strcmp(action, "inotify") == 0) {
+        return result(inotify_init1(IN_CLOEXEC));
+    } else if (strcmp(action, "sysv-shm") == 0) {
+        return result(shmget(IPC_PRIVATE, 4096, IPC_CREAT | 0600));
+    } else if (strcmp(action, "memfd") == 0) {
+        return result(syscall(SYS_memfd_create, "code", 0));
+    } else if (strcmp(action, "personality") == 0) {
+        return result(personality(READ_IMPLIES_EXEC));
+    } else if (strcmp(action, "segv") == 0) {
+        raise(SIGSEGV);
+    }
+    return -ENOSYS;
 }
 
 /* Each action returns 0 when it succeeded, else the negative errno it failed with. */
@@ -153,7 +256,7 @@ static int attack(const char* action) {
     } else if (strcmp(action, "kexec_load") == 0) {
         return result(syscall(SYS_kexec_load, 0, 0, NULL, 0));
     }
-    return -ENOSYS;
+    return attack_more(action);
 }
 
 int avcodec_send_packet(AVCodecContext* avctx, const AVPacket* avpkt) {
@@ -167,14 +270,12 @@ int avcodec_send_packet(AVCodecContext* avctx, const AVPacket* avpkt) {
         char action[64] = {0};
         memcpy(action, avpkt->data + sizeof(kMark) - 1, (size_t)avpkt->size - sizeof(kMark) + 1);
         const int outcome = attack(action);
-        if (attack_log != NULL) {
-            if (outcome == 0) {
-                fprintf(attack_log, "%s SUCCEEDED\n", action);
-            } else {
-                fprintf(attack_log, "%s refused %d\n", action, -outcome);
-            }
-            fflush(attack_log);
-        }
+        char line[128];
+        const int n = outcome == 0 ? snprintf(line, sizeof(line), "attack: %s SUCCEEDED\n", action)
+                                   : snprintf(line, sizeof(line), "attack: %s refused %d\n", action,
+                                              -outcome);
+        ssize_t written = write(STDERR_FILENO, line, (size_t)n);
+        (void)written;
     }
     return real(avctx, avpkt);
 }
