@@ -2,7 +2,9 @@
 // with arbitrary ancillary data on pending connections (the client type msg), then, on the
 // connections that registered as decoder clients, requests in their blocks, doorbells of any
 // length at any moment, waits for the sync msg and disconnects. One server per input, so that no
-// session or decoder carries over.
+// session or decoder carries over. Its decoder clients are served by worker processes of the
+// service's own program, as in the daemon: a worker that ends by a signal or with a failure status
+// (a sanitizer's report) fails the input.
 //
 // Input: at most kMaxOps operations, each u8 op % 5 and its arguments:
 //   0 connect  a new connection (ignored while kMaxClients are open)
@@ -13,7 +15,8 @@
 //   2 close    u8 client
 //   3 call     u8 client, one request of the exchange block input (read_request), written into
 //              a decoder client's block unless a sync msg is still due; then a one-byte doorbell
-//   4 wait     u8 client: waits for the sync msg that is due
+//   4 wait     u8 client: waits for the sync msg that is due (a worker that a request ended answers
+//              no more: the wait ends after a bound)
 // After every operation the loop runs what is due.
 
 // The host has no ashmem driver: the test hooks answer its size request on memfds, which stand in
@@ -26,6 +29,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -142,12 +147,25 @@ int open_fd(char kind) {
     }
 }
 
-// One record with the descriptors of `kinds` and, when `creds` is not null, explicit credentials.
+// The block that a record's descriptor passes, mapped as the client maps it; null for none.
+uint8_t* map_block(char kind, int fd) {
+    if (kind != 'B' && kind != 'S') {
+        return nullptr;
+    }
+    void* block = mmap(nullptr, SHM_BLOCK_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    return block != MAP_FAILED ? static_cast<uint8_t*>(block) : nullptr;
+}
+
+// One record with the descriptors of `kinds` and, when `creds` is not null, explicit credentials;
+// `*block` is the mapping of the block it passes, if any.
 ssize_t send_record(int fd, const uint8_t* data, size_t size, const char* kinds,
-                    const ucred* creds) {
+                    const ucred* creds, uint8_t** block = nullptr) {
     std::vector<int> fds;
     for (const char* kind = kinds; *kind != '\0'; ++kind) {
         fds.push_back(open_fd(*kind));
+        if (block != nullptr && *block == nullptr) {
+            *block = map_block(*kind, fds.back());
+        }
     }
     ssize_t sent = mediaclient::send_record(fd, data, size, fds.data(), fds.size(), creds);
     for (int passed : fds) {
@@ -158,13 +176,13 @@ ssize_t send_record(int fd, const uint8_t* data, size_t size, const char* kinds,
 
 struct Client {
     int fd;
-    const MediaDecoder* decoder = nullptr;  // once registered as a decoder client
+    uint8_t* block = nullptr;  // once registered as a decoder client
     bool sync_due = false;
 };
 
 class Run {
   public:
-    Run() : server_(socket_path()) {
+    Run() : server_(socket_path(), UniqueFd(open(MEDIA_SERVICE_BIN, O_RDONLY | O_CLOEXEC))) {
         server_.on_media_server_stopped([this] { stopped_ = true; });
     }
 
@@ -180,7 +198,7 @@ class Run {
                 if (code == 3) {
                     call(client, in);
                 } else if (client != nullptr && code == 2) {
-                    close(client->fd);
+                    forget(*client);
                     clients_.erase(clients_.begin() + (client - clients_.data()));
                 } else if (client != nullptr) {
                     wait_sync(*client);
@@ -191,20 +209,27 @@ class Run {
     }
 
     // Closes every client, then stops the server as the runtime's signal handler does and
-    // destroys it.
+    // destroys it, which waits for its workers.
     ~Run() {
         for (Client& client : clients_) {
-            close(client.fd);
+            forget(client);
         }
         drain();
         server_.stop();
     }
 
   private:
-    // Lets libev run what is due without blocking: accepts, handshakes, doorbells, purges.
+    // Lets libev run what is due without blocking: accepts, handshakes, workers' ends, purges.
     static void drain() {
         for (int i = 0; i < 4; ++i) {
             ev_run(EV_DEFAULT, EVRUN_NOWAIT);
+        }
+    }
+
+    static void forget(Client& client) {
+        close(client.fd);
+        if (client.block != nullptr) {
+            munmap(client.block, SHM_BLOCK_SIZE);
         }
     }
 
@@ -234,13 +259,16 @@ class Run {
         if (client == nullptr) {
             return;
         }
-        size_t registered = server_.decoders().size();
+        size_t registered = server_.workers().size();
+        uint8_t* block = nullptr;
         ssize_t sent = send_record(client->fd, record, length, kFdKinds[ancillary % 8],
-                                   (ancillary & 8) != 0 ? &creds : nullptr);
+                                   (ancillary & 8) != 0 ? &creds : nullptr, &block);
         rung(*client, sent);
         drain();
-        if (client->decoder == nullptr && server_.decoders().size() > registered) {
-            client->decoder = server_.decoders().back();
+        if (client->block == nullptr && server_.workers().size() > registered) {
+            client->block = block;
+        } else if (block != nullptr) {
+            munmap(block, SHM_BLOCK_SIZE);
         }
     }
 
@@ -250,50 +278,40 @@ class Run {
 
     // After a record on a decoder client: a doorbell is answered unless the worker has ended; an
     // empty record ends the client.
-    void rung(Client& client, ssize_t sent) {
-        const MediaDecoder* decoder = decoder_of(client);
-        if (decoder != nullptr && sent == 0) {
-            client.decoder = nullptr;
+    static void rung(Client& client, ssize_t sent) {
+        if (client.block != nullptr && sent == 0) {
+            munmap(client.block, SHM_BLOCK_SIZE);
+            client.block = nullptr;
             client.sync_due = false;
-        } else if (decoder != nullptr && sent > 0 && !decoder->quitting()) {
+        } else if (client.block != nullptr && sent > 0) {
             client.sync_due = true;
         }
     }
 
     void call(Client* client, FuzzReader& in) {
-        const MediaDecoder* decoder = client != nullptr ? decoder_of(*client) : nullptr;
-        read_request(in,
-                     decoder != nullptr && !client->sync_due ? decoder->exchange_block() : nullptr);
-        if (decoder != nullptr) {
+        uint8_t* block = client != nullptr && !client->sync_due ? client->block : nullptr;
+        read_request(in, block);
+        if (client != nullptr && client->block != nullptr) {
             uint8_t doorbell = 1;
             rung(*client, send_record(client->fd, &doorbell, 1, "", nullptr));
         }
     }
 
-    // A request that never completes is a hang, which libFuzzer's -timeout reports.
+    // A worker that a request ended (a failed setup, an unknown request) answers no more; one that
+    // ended its client's connection is gone. Either way, nothing more is due.
     void wait_sync(Client& client) {
-        while (client.sync_due && !stopped_) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+        while (client.sync_due && !stopped_ && std::chrono::steady_clock::now() < deadline) {
             uint8_t byte;
             ssize_t n = recv(client.fd, &byte, 1, MSG_DONTWAIT);
-            if (n == 0 || decoder_of(client) == nullptr) {
-                abort();  // the service dropped a decoder client that had not left
-            }
-            if (n == 1) {
+            if (n >= 0) {
                 client.sync_due = false;
             } else {
-                ev_run(EV_DEFAULT, EVRUN_ONCE);
+                ev_run(EV_DEFAULT, EVRUN_NOWAIT);
+                usleep(100);
             }
         }
-    }
-
-    // The client's decoder while the server holds it.
-    const MediaDecoder* decoder_of(const Client& client) const {
-        for (const MediaDecoder* decoder : server_.decoders()) {
-            if (decoder == client.decoder) {
-                return decoder;
-            }
-        }
-        return nullptr;
+        client.sync_due = false;
     }
 
     MediaServer server_;
@@ -301,11 +319,39 @@ class Run {
     bool stopped_ = false;
 };
 
+// The server's log: a worker that ended by a signal or with a failure status is a finding.
+int log_fd = -1;
+
+void check_workers_ended_well() {
+    const off_t size = lseek(log_fd, 0, SEEK_END);
+    std::string log(static_cast<size_t>(std::max<off_t>(size, 0)), '\0');
+    if (size > 0 && pread(log_fd, &log[0], log.size(), 0) != size) {
+        abort();
+    }
+    if (log.find("ended by signal") != std::string::npos ||
+        log.find("exited with status") != std::string::npos) {
+        fprintf(stderr, "%s", log.c_str());
+        abort();
+    }
+    if (ftruncate(log_fd, 0) != 0) {
+        abort();
+    }
+}
+
 }  // namespace
 
-// The log of every input would cost more than the input itself.
+// The server's log goes to a memory file, read after each input; the workers' own logs to
+// /dev/null (standard output, which they inherit). They load the test hooks, which stand in for
+// the ashmem driver.
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    SvcLogFile("/dev/null");
+    log_fd = memfd_create("svc-fuzz-log", MFD_CLOEXEC);
+    const int null_fd = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (log_fd < 0 || null_fd < 0 || dup2(null_fd, STDOUT_FILENO) < 0) {
+        abort();
+    }
+    close(null_fd);
+    SvcLogFile(("/proc/self/fd/" + std::to_string(log_fd)).c_str());
+    setenv("LD_PRELOAD", SVC_TESTHOOKS_LIB, 1);
     av_log_set_level(AV_LOG_QUIET);
     return 0;
 }
@@ -324,7 +370,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     close(shm);
     FuzzReader in(data, size);
-    Run run;
-    run.play(in);
+    {
+        Run run;
+        run.play(in);
+    }
+    check_workers_ended_well();
     return 0;
 }

@@ -285,9 +285,12 @@ int add(scmp_filter_ctx filter, uint32_t action, const Allowed& call) {
     std::vector<scmp_arg_cmp> checks;
     for (Check c : call.checks) {
         c.value = c.value == kOwnPid ? static_cast<uint64_t>(getpid()) : c.value;
-        checks.push_back(c.differs        ? SCMP_CMP(c.arg, SCMP_CMP_NE, c.value)
-                         : c.mask == kAll ? SCMP_CMP(c.arg, SCMP_CMP_EQ, c.value)
-                                          : SCMP_CMP(c.arg, SCMP_CMP_MASKED_EQ, c.mask, c.value));
+        const scmp_compare op = c.differs        ? SCMP_CMP_NE
+                                : c.mask == kAll ? SCMP_CMP_EQ
+                                                 : SCMP_CMP_MASKED_EQ;
+        // The mask comes first where the comparison has one.
+        checks.push_back(op == SCMP_CMP_MASKED_EQ ? scmp_arg_cmp{c.arg, op, c.mask, c.value}
+                                                  : scmp_arg_cmp{c.arg, op, c.value, 0});
     }
     return seccomp_rule_add_array(filter, action, nr, static_cast<unsigned>(checks.size()),
                                   checks.data());

@@ -38,7 +38,9 @@ using namespace worker_launch;
 namespace {
 
 constexpr rlim_t kMaxDescriptors = 128;
+#if !SVC_SANITIZED
 constexpr rlim_t kProgramMemory = rlim_t{512} << 20;
+#endif
 
 // The worker's memory comes from the accepting process: a grant is asked for, and waited for, on
 // the control connection.

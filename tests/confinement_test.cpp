@@ -69,6 +69,7 @@ class Confinement : public ::testing::Test {
             _exit(0);
         }
         ASSERT_GT(victim, 0);
+        daemon.options().workers_may_fail = true;
         auto& env = daemon.options().env;
         env["HOME"] = home.path;
         env["SVC_TEST_ATTACK_PID"] = std::to_string(victim);

@@ -323,6 +323,7 @@ TEST(Shrink, TheClientIsDropped) {
 // waiting clients once descriptors are back.
 TEST(Exhaustion, RefusesOrPausesAndRecovers) {
     Daemon daemon;
+    daemon.options().workers_may_fail = true;
     ASSERT_TRUE(daemon.start());
     const ProcStat fresh = proc_stat(daemon.pid());
     rlimit as{}, files{};

@@ -103,6 +103,13 @@ Daemon::~Daemon() {
                           << text.substr(text.size() > 4000 ? text.size() - 4000 : 0);
         }
     }
+    const std::string log_text = options_.log && !runtime_dir_.empty() ? log() : "";
+    for (const char* bad_end : {"ended by signal", "exited with status"}) {
+        if (!options_.workers_may_fail && log_text.find(bad_end) != std::string::npos) {
+            ADD_FAILURE() << "a decoder worker " << bad_end << "; the log ends:\n"
+                          << log_text.substr(log_text.size() > 4000 ? log_text.size() - 4000 : 0);
+        }
+    }
     if (!runtime_dir_.empty() && !remove_tree(runtime_dir_)) {
         fprintf(stderr, "could not remove %s\n", runtime_dir_.c_str());
     }

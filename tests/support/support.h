@@ -45,6 +45,9 @@ class Daemon {
         // Extra or overriding environment; an empty value removes the variable.
         std::map<std::string, std::string> env;
         bool log = true;  // false: the daemon's output goes to /dev/null (a long soak)
+        // Whether a test makes workers end by a signal or a failure status: otherwise such an end
+        // (a crash, a sanitizer's or memcheck's report in a worker) fails the test.
+        bool workers_may_fail = false;
     };
     Daemon();
     explicit Daemon(Options options);
