@@ -158,8 +158,8 @@ uint8_t* map_block(char kind, int fd) {
 
 // One record with the descriptors of `kinds` and, when `creds` is not null, explicit credentials;
 // `*block` is the mapping of the block it passes, if any.
-ssize_t send_record(int fd, const uint8_t* data, size_t size, const char* kinds,
-                    const ucred* creds, uint8_t** block = nullptr) {
+ssize_t send_record(int fd, const uint8_t* data, size_t size, const char* kinds, const ucred* creds,
+                    uint8_t** block = nullptr) {
     std::vector<int> fds;
     for (const char* kind = kinds; *kind != '\0'; ++kind) {
         fds.push_back(open_fd(*kind));
