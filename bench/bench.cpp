@@ -91,7 +91,7 @@ void disconnect_service(Service* s) {
 // ---- CPU time and affinity ----
 
 double process_cpu(pid_t pid) {
-    return proc_stat(pid).cpu_s;
+    return service_stat(pid).cpu_s;
 }
 
 double thread_cpu() {

@@ -103,7 +103,7 @@ void peak_rows(Service& s, const std::vector<const Stream*>& clips) {
         mediaclient::DecoderClient client;
         check(client.connect_posix(s.socket), "decoder client");
         check(client.flush(), "flush");
-        const long before = proc_stat(s.pid).rss_kb;
+        const long before = service_stat(s.pid).rss_kb;
         reset_peak(s.pid);
         const long failed = decode_all(client, *clip);
         const long peak = peak_kb(s.pid) - before;

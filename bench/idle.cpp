@@ -27,9 +27,9 @@ void bench_idle(Service& s) {
     // Any spin ends within 100 us of the last request.
     sleep_seconds(0.1);
     const double idle_seconds = 10;
-    const ProcStat before = proc_stat(s.pid);
+    const ProcStat before = service_stat(s.pid);
     sleep_seconds(idle_seconds);
-    const ProcStat after = proc_stat(s.pid);
+    const ProcStat after = service_stat(s.pid);
     const double workers = (after.cpu_s - after.main_cpu_s) - (before.cpu_s - before.main_cpu_s);
     add_row(
         {fmt("idle: CPU of %d registered idle clients' workers in %.0f s", kClients, idle_seconds),

@@ -63,7 +63,8 @@ const char kUsage[] =
     "  --video-4k, --video-8k, --hevc-8k FILE\n"
     "                      4K and 8K H.264 and 8K HEVC 10-bit clips for the memory ceiling\n"
     "  --cgroup DIR        a memory cgroup limited to 1 GiB for the ceiling's last row\n"
-    "  --only LIST         run only these sections: memory,budget,rtt,idle,video,clients,audio\n"
+    "  --only LIST         run only these sections: memory,start,budget,rtt,idle,video,\n"
+    "                      clients,audio\n"
     "  -h, --help\n";
 
 struct Options {
@@ -211,6 +212,7 @@ struct Section {
 // In the order of the table.
 const Section kSections[] = {
     {"memory", "memory", [](Bench& b) { bench_memory(b.service, b.video); }},
+    {"start", "registration", [](Bench& b) { bench_registration(b.service); }},
     {"budget", "memory ceiling", [](Bench& b) { bench_budget(b); }},
     {"rtt", "round trip", [](Bench& b) { bench_round_trip(b.service, b.opt.round_trips); }},
     {"idle", "idle clients", [](Bench& b) { bench_idle(b.service); }},

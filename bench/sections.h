@@ -12,6 +12,8 @@ namespace mediabench {
 
 // The service's resident memory idle, per registered decoder client, and per client decoding.
 void bench_memory(Service& s, const mediatools::Stream& clip);
+// The time from a decoder client's registration to the answer of its first request.
+void bench_registration(Service& s);
 // The clips and the cgroup of the memory ceiling's rows.
 struct BudgetMedia {
     const mediatools::Stream* hd = nullptr;   // 1080p H.264

@@ -48,12 +48,23 @@ void read_status(const std::string& dir, ProcStat* s) {
     }
 }
 
+long read_pss_kb(const std::string& dir) {
+    std::ifstream in(dir + "/smaps_rollup");
+    std::string key;
+    long kb = 0;
+    while (in >> key && key != "Pss:") {
+        in.ignore(1 << 20, '\n');
+    }
+    return in >> kb ? kb : 0;
+}
+
 }  // namespace
 
 ProcStat proc_stat(pid_t pid) {
     const std::string dir = "/proc/" + std::to_string(pid);
     ProcStat s;
     read_status(dir, &s);
+    s.pss_kb = read_pss_kb(dir);
     s.fds = for_entries(dir + "/fd", [](const char*) {});
     s.threads = for_entries(dir + "/task", [&](const char* tid) {
         std::ifstream in(dir + "/task/" + tid + "/schedstat");
@@ -66,6 +77,19 @@ ProcStat proc_stat(pid_t pid) {
         }
     });
     return s;
+}
+
+ProcStat service_stat(pid_t pid) {
+    ProcStat all = proc_stat(pid);
+    const std::string p = std::to_string(pid);
+    std::ifstream children("/proc/" + p + "/task/" + p + "/children");
+    for (pid_t child; children >> child;) {
+        const ProcStat s = proc_stat(child);
+        all.fds += s.fds, all.threads += s.threads, all.vm_kb += s.vm_kb;
+        all.rss_kb += s.rss_kb, all.rss_anon_kb += s.rss_anon_kb, all.rss_file_kb += s.rss_file_kb;
+        all.rss_shmem_kb += s.rss_shmem_kb, all.pss_kb += s.pss_kb, all.cpu_s += s.cpu_s;
+    }
+    return all;
 }
 
 }  // namespace mediatools
