@@ -113,8 +113,9 @@ const Allowed kEveryProcess[] = {
     {"set_tid_address", {}},
     {"arch_prctl", {}},
     {"sched_yield", {}},
-    {"sched_getaffinity", {{0, kAll, 0}}},
-    {"sched_getaffinity", {{0, kAll, kOwnPid}}},
+    // Reading a thread's CPUs (the C library asks with the thread's id, which the filter cannot
+    // tell from another process's); setting them is refused.
+    {"sched_getaffinity", {}},
     {"sched_getparam", {{0, kAll, 0}}},
     {"sched_getscheduler", {{0, kAll, 0}}},
     // Threads only (a new process in the accepting process's own list).
@@ -223,7 +224,6 @@ const Allowed kAccepting[] = {
     {"setsockopt", {}},
     // A worker's own pid is not this process's: the workers' own filters hold them to themselves
     // (here, a signal to another process can only probe that it exists).
-    {"sched_getaffinity", {}},
     {"tgkill", {}},
     {"kill", {{1, kAll, 0}}},
 };

@@ -36,8 +36,6 @@ constexpr int kTimeoutMs = 60000;
 // Resident memory may end this much above the baseline (allocator caches, FFmpeg's lazily built
 // tables). Sanitizer builds keep freed memory in quarantine or shadow: not checked there.
 constexpr long kRssMarginKb = 32 * 1024;
-// ThreadSanitizer starts a thread of its own in the daemon when the daemon starts its first.
-constexpr int kSanitizerThreads = std::string_view(SVC_SANITIZER) == "thread" ? 1 : 0;
 
 // Requests answered and outputs, counted by the client processes in anonymous memory that every
 // fork shares.
@@ -205,14 +203,11 @@ TEST_F(Soak, ClientsComeAndGoAndTheDaemonReturnsToItsBaseline) {
     SessionClient session;
     ASSERT_EQ(session.connect(daemon.socket_path()), ClientError::kOk);
     ASSERT_EQ(session.start_answering(), ClientError::kOk);
-    // One client first: libev makes its wake-up descriptor with the first decoder. Then a round
-    // brings FFmpeg's tables and the allocator's arenas and caches to their working size; the
-    // baseline is taken after it.
-    const int threads = proc_stat(daemon.pid()).threads;
+    // One client first, then a round, which brings the accepting process's allocator caches to
+    // their working size; the baseline is taken after it, with no worker left.
     spawn(Way::kWellBehaved);
     reap(true);
-    ASSERT_TRUE(wait_until(
-        10000, [&] { return proc_stat(daemon.pid()).threads == threads + kSanitizerThreads; }));
+    ASSERT_TRUE(wait_until(10000, [&] { return worker_pids(daemon.pid()).empty(); }));
     const ProcStat idle = proc_stat(daemon.pid());
     chaos(std::min(seconds, 10));
     ASSERT_TRUE(daemon.running()) << "the daemon died during the warm-up";
