@@ -35,7 +35,8 @@ void bench_idle(Service& s) {
         {fmt("idle: CPU of %d registered idle clients' workers in %.0f s", kClients, idle_seconds),
          fmt("%.6f s", workers),
          fmt("whole service %.6f s (session pings)", after.cpu_s - before.cpu_s), "",
-         verdict(workers == kIdleWorkersCpu.limit, kIdleWorkersCpu.text)});
+         // Below a microsecond: the sums of the threads' times differ in their last digits.
+         verdict(workers < kIdleWorkersCpu.limit + 1e-6, kIdleWorkersCpu.text)});
 
     const int requests = 90;
     mediaclient::DecoderClient& player = *clients.front();
