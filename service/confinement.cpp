@@ -28,7 +28,7 @@ int threads() {
 
 }  // namespace
 
-void confine(Stage stage) {
+bool confine(Stage stage) {
     // A worker's decoding stage narrows what its first stage, applied while it was alone, binds
     // every thread to already; FFmpeg's threads may run by then.
     const int running = stage == Stage::kWorkerDecoding ? 1 : threads();
@@ -41,12 +41,13 @@ void confine(Stage stage) {
              : stage == Stage::kWorkerDevices ? " for its devices"
                                               : " for decoding",
              note.empty() ? "" : "; ", note.c_str());
-        return;
+        return true;
     }
     // One line says what stays open; the service serves all the same.
     LOGW("not fully confined:%s%s%s%s%s", calls.empty() ? "" : " ", calls.c_str(),
          files.empty() ? "" : " ", files.c_str(),
          running == 1 ? "" : " (other threads ran before the file system policy)");
+    return false;
 }
 
 }  // namespace confinement

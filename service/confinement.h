@@ -34,7 +34,7 @@ std::string restrict_system_calls(Stage stage);
 // the kernel's Landlock lacks a newer right: `note` then says which), else why not.
 std::string restrict_file_system(Stage stage, std::string* note);
 
-// Both, and the one log line that says how it went.
-void confine(Stage stage);
+// Both, and the one log line that says how it went; whether both were applied in full.
+bool confine(Stage stage);
 
 }  // namespace confinement

@@ -7,6 +7,8 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include "base/log.h"
+#include "service/confinement.h"
 #include "tools/hw_probe.h"
 
 int main(int argc, char** argv) {
@@ -21,12 +23,16 @@ int main(int argc, char** argv) {
                 "whether it\n"
                 "would get a hardware candidate or be decoded in software, and why. Runs in this "
                 "process,\n"
-                "with the FFmpeg libraries the service links; the service need not run. Run it as "
-                "the user\n"
-                "the service runs as: device access depends on permissions.\n"
+                "with the FFmpeg libraries the service links, confined first as a decoder worker "
+                "is when it\n"
+                "opens its devices, so that it reports what the service can open; the service "
+                "need not run.\n"
+                "Run it as the user the service runs as, in the service's environment (DISPLAY "
+                "for VDPAU):\n"
+                "device access depends on both.\n"
                 "\n"
-                "To see what a running service decodes where, look at its threads (top -H,\n"
-                "ps -L, /proc/PID/task/*/comm): each decoder client's worker is named after\n"
+                "To see what a running service decodes where, look at its worker processes (top,\n"
+                "ps --ppid, /proc/PID/comm): each decoder client's worker is named after\n"
                 "the client (its connection's number in the service log, \"client connect:\n"
                 "sock#[N]\") and its work: \"decN\" without a decoder, \"decN h264 sw\" decoding\n"
                 "in software, \"decN h264 vaapi\" on a device, \"decN aac\" for audio (15\n"
@@ -37,6 +43,15 @@ int main(int argc, char** argv) {
         return 2;
     }
     av_log_set_level(AV_LOG_ERROR);
+    // The confinement's own line would go to standard output with the report: its outcome is
+    // the report's first line instead.
+    SvcLogOff();
+    // A worker starts inside the accepting process's policy and narrows it for its devices.
+    const bool confined = confinement::confine(confinement::Stage::kAccepting) &&
+                          confinement::confine(confinement::Stage::kWorkerDevices);
+    printf("%s\n", confined ? "probed as a confined decoder worker opens its devices"
+                            : "probed NOT confined (this kernel lacks seccomp or Landlock, as "
+                              "the service then does too)");
     mediatools::print_probe(mediatools::probe_host(), stdout);
     return 0;
 }
