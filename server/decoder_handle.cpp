@@ -15,35 +15,26 @@
 #include "server/server_internal.h"
 #include "server/worker_launch.h"
 
-namespace {
-
-// How long the service's stop waits for a worker to finish its request and tear down: a picture
-// takes milliseconds, a worker stopped by a debugger forever. One that is still there when the
-// service exits is killed by the kernel then (its parent-death signal); the service can signal
-// no process itself.
-constexpr std::chrono::seconds kWorkerEndBound(10);
-
-void reap(pid_t pid) {
-    const auto deadline = std::chrono::steady_clock::now() + kWorkerEndBound;
-    while (waitpid(pid, nullptr, WNOHANG) == 0) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            LOGE("decoder worker %d did not end; it ends with the service", static_cast<int>(pid));
-            return;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-}
-
-}  // namespace
-
 MediaServer::decoder_handle_t::~decoder_handle_t() {
     signal_quit();
     if (exit_watcher && exit_watcher->is_active()) {
         exit_watcher->stop();
     }
-    if (pid > 0 && !reaped) {
-        reap(pid);
+}
+
+bool MediaServer::decoder_handle_t::wait_for_end(std::chrono::steady_clock::time_point deadline) {
+    while (pid > 0 && !reaped) {
+        const pid_t ended = waitpid(pid, nullptr, WNOHANG);
+        reaped = ended != 0;  // ended, or (-1) reaped already
+        if (!reaped && std::chrono::steady_clock::now() > deadline) {
+            LOGE("decoder worker %d did not end; it ends with the service", static_cast<int>(pid));
+            return false;
+        }
+        if (!reaped) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
     }
+    return true;
 }
 
 void MediaServer::decoder_handle_t::signal_quit() {

@@ -22,6 +22,8 @@ namespace {
 
 constexpr int LISTEN_BACKLOG = 10;
 constexpr double ACCEPT_RETRY_DELAY = 0.25;
+// How long the teardown waits for the workers to finish their requests and tear down.
+constexpr std::chrono::seconds kWorkerEndBound(10);
 
 }  // namespace
 
@@ -199,8 +201,13 @@ MediaServer::~MediaServer() {
     listen_handle.reset();
     // The session client's socket is closed before any decoder is destroyed.
     session_handle.reset();
-    // Each worker (told to quit by stop()) ends, its client's connection with it, in turn.
+    // Each worker ends, its client's connection with it: a picture takes milliseconds.
+    const auto deadline = std::chrono::steady_clock::now() + kWorkerEndBound;
     for (auto& handle : decoder_handles) {
+        handle->signal_quit();
+    }
+    for (auto& handle : decoder_handles) {
+        handle->wait_for_end(deadline);
         handle.reset();
     }
     decoder_handles.clear();

@@ -15,15 +15,19 @@
 //   later in the same loop iteration, after the handler has returned, and does the destruction.
 //   (A pending connection is the exception: its watcher does nothing after the handler that drops
 //   it, so the handler drops it at once.)
-// - A decoder handle's destructor ends its worker and waits for it: the worker holds the client's
-//   connection and unmaps the block before it closes it, so a client never sees its connection
-//   closed while its block may still be written. stop() only reaches the workers registered when
-//   it runs; the destructor reaches a client that registers after stop() in the same iteration.
+// - The teardown tells every worker to end and waits for them, in registration order, within one
+//   bound for all (a worker stopped by a debugger would hold the stop forever; one still there
+//   when the service exits is ended by the kernel, its parent-death signal). The worker holds the
+//   client's connection and unmaps the block before it closes it, so a client never sees its
+//   connection closed while its block may still be written. stop() only reaches the workers
+//   registered when it runs; the teardown reaches one that registers after stop() in the same
+//   iteration.
 // - The server destroys the listening handle first (no new or pending clients can appear), then
 //   the session, then the decoders in registration order.
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -130,11 +134,13 @@ class MediaServer {
         decoder_handle_t() = default;
         decoder_handle_t(const decoder_handle_t&) = delete;
         decoder_handle_t& operator=(const decoder_handle_t&) = delete;
-        // Ends the worker and waits for it, within a bound after which it is killed.
+        // Tells the worker to end; the server's teardown waits for it first (wait_for_end).
         virtual ~decoder_handle_t();
 
         // The worker ends after the request it may be running. Idempotent.
         void signal_quit();
+        // Waits until the worker (told to end) has ended; false when `deadline` passed first.
+        bool wait_for_end(std::chrono::steady_clock::time_point deadline);
         void on_control_io_event(ev::io& watcher, int revents);
         void on_worker_exit_event(ev::child& watcher, int revents);
     };

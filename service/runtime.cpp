@@ -56,7 +56,13 @@ Runtime::Runtime() {
     confinement::confine(confinement::Stage::kAccepting);
 }
 
-Runtime::~Runtime() = default;
+// The server goes first (its workers end meanwhile). A stop request that arrives then is moot,
+// and one that waits blocked for the signal watchers would end the process when they go.
+Runtime::~Runtime() {
+    media_server.reset();
+    signal(SIGTERM, SIG_IGN);
+    signal(SIGINT, SIG_IGN);
+}
 
 // Clients' decoders may hold what the host gives the service (its cgroup's limit, else the
 // physical memory), less a share kept for the service itself.
