@@ -241,20 +241,7 @@ class Vdpau : public Video {
         ASSERT_FALSE(display->name().empty()) << "Xvfb did not start";
         daemon.options().env["DISPLAY"] = display->name();
         daemon.options().env["VDPAU_DRIVER"] = "va_gl";
-        ASSERT_TRUE(device_opens()) << "the VDPAU stack does not work here";
         Video::SetUp();
-    }
-    // Whether the device opens in this process, which is not confined.
-    bool device_opens() {
-        setenv("DISPLAY", display->name().c_str(), 1);
-        setenv("VDPAU_DRIVER", "va_gl", 1);
-        AVBufferRef* device = nullptr;
-        const bool opened =
-            av_hwdevice_ctx_create(&device, AV_HWDEVICE_TYPE_VDPAU, nullptr, nullptr, 0) >= 0;
-        av_buffer_unref(&device);
-        unsetenv("DISPLAY");
-        unsetenv("VDPAU_DRIVER");
-        return opened;
     }
 };
 
@@ -263,6 +250,7 @@ TEST_F(Vdpau, TheDeviceOpensConfinedItsDecoderFailsAndSoftwareDecodes) {
     ASSERT_NO_FATAL_FAILURE(init(s, 176, 144, AV_PIX_FMT_YUV420P));
     EXPECT_TRUE(log_has(daemon.log(), "DEBUG", "confined for its devices: "));
     EXPECT_EQ(daemon.count("hw pix fmt: vdpau"), 1u);
+    // Only CUDA's and VA-API's fail: the stack works, in the confined worker.
     EXPECT_EQ(daemon.count("failed to create specified HW device"), 2u) << "cuda, vaapi";
     for (size_t i = 0; i < s.packets.size(); ++i) {
         EXPECT_NE(decode(s, i).status, STATUS_FAILED) << "packet " << i;
