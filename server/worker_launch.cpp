@@ -49,9 +49,10 @@ void close_from(int first) {
         dup2(moved[2], kControlFd) < 0) {
         _exit(127);
     }
-    // The program stays open only until the exec.
-    const int program = dup2(moved[3], kControlFd + 1);
-    if (program < 0 || fcntl(program, F_SETFD, FD_CLOEXEC) < 0) {
+    // The program stays open through the exec: an interpreter that the kernel starts for it
+    // (qemu, through binfmt_misc) opens it by its /proc/self/fd path. The worker closes it first.
+    const int program = dup2(moved[3], kProgramFd);
+    if (program < 0) {
         _exit(127);
     }
     close_from(program + 1);

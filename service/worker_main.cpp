@@ -6,6 +6,7 @@
 #include <malloc.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -79,6 +80,7 @@ int run_decoder_worker(int argc, char** argv) {
     if (argc != 5) {
         return 2;
     }
+    close(kProgramFd);
     const int client = atoi(argv[2]);
     const bool is_ashmem = strcmp(argv[3], "ashmem") == 0;
     SvcLogSetClient(client);
