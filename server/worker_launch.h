@@ -15,7 +15,8 @@ namespace worker_launch {
 
 // argv[1] of a worker; the service itself takes no arguments.
 constexpr const char* kWorkerArgument = "--decoder-worker";
-// Where a worker finds what it holds; the program's descriptor, which it closes at once, after them.
+// Where a worker finds what it holds; the program's descriptor, which it closes at once, after
+// them.
 constexpr int kClientFd = 3, kBlockFd = 4, kControlFd = 5, kProgramFd = 6;
 
 struct Launch {

@@ -6,6 +6,7 @@
 #include <dirent.h>
 
 #include "base/log.h"
+#include "base/system_log.h"
 
 namespace confinement {
 
@@ -43,7 +44,9 @@ bool confine(Stage stage) {
              note.empty() ? "" : "; ", note.c_str());
         return true;
     }
-    // One line says what stays open; the service serves all the same.
+    // One line says what stays open; the service serves all the same. It is the host's matter,
+    // not the client's: it does not spend the client's allowance of system-log lines.
+    LogClientScope host(-1);
     LOGW("not fully confined:%s%s%s%s%s", calls.empty() ? "" : " ", calls.c_str(),
          files.empty() ? "" : " ", files.c_str(),
          running == 1 ? "" : " (other threads ran before the file system policy)");

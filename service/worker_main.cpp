@@ -74,6 +74,20 @@ void set_limits(int64_t budget) {
 #endif
 }
 
+// The client's block, the limits and the confinement, then its requests until the worker ends.
+void serve(int client, bool is_ashmem) {
+    std::unique_ptr<MediaDecoder> decoder(new MediaDecoder(kBlockFd, is_ashmem, client));
+    if (!decoder->valid()) {
+        LOGE("decoder instance create failed");
+        return;
+    }
+    set_limits(MemoryBudget::service().limit());
+    confinement::confine(confinement::Stage::kWorkerDevices);
+    DecoderWorker worker(UniqueFd(kClientFd), UniqueFd(kControlFd), std::move(decoder),
+                         [] { confinement::confine(confinement::Stage::kWorkerDecoding); });
+    worker.run();
+}
+
 }  // namespace
 
 int run_decoder_worker(int argc, char** argv) {
@@ -82,26 +96,13 @@ int run_decoder_worker(int argc, char** argv) {
     }
     close(kProgramFd);
     const int client = atoi(argv[2]);
-    const bool is_ashmem = strcmp(argv[3], "ashmem") == 0;
     SvcLogSetClient(client);
     SvcSystemLogOpen("media-service");
     // As in the service: large buffers get pages of their own, given back when freed.
     mallopt(M_MMAP_THRESHOLD, 1 << 20);
     MemoryBudget::service().set_limit(strtoll(argv[4], nullptr, 10));
     MemoryBudget::service().set_upstream(ask_for_memory);
-
-    std::unique_ptr<MediaDecoder> decoder(new MediaDecoder(kBlockFd, is_ashmem, client));
-    if (!decoder->valid()) {
-        LOGE("decoder instance create failed");
-        return 0;
-    }
-    set_limits(MemoryBudget::service().limit());
-    confinement::confine(confinement::Stage::kWorkerDevices);
-    {
-        DecoderWorker worker(UniqueFd(kClientFd), UniqueFd(kControlFd), std::move(decoder),
-                             [] { confinement::confine(confinement::Stage::kWorkerDecoding); });
-        worker.run();
-    }
+    serve(client, strcmp(argv[3], "ashmem") == 0);
     // The log's switch back to standard output at exit is the service's, not each worker's.
     SvcLogOff();
     return 0;
