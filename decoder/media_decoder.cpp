@@ -1,5 +1,6 @@
 #include "decoder/media_decoder.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/mman.h>
@@ -66,6 +67,12 @@ int OpenedDevices::create_device(AVBufferRef** device, AVHWDeviceType type) cons
     if (it == opened_.end()) {
         Opened opened{HardwareSeam::create_device(device, type), nullptr};
         opened.device = opened.result >= 0 ? av_buffer_ref(*device) : nullptr;
+        // FFmpeg loads NVIDIA's decoding library only when a decoder starts on the device, which
+        // is after the worker has confined itself for decoding and may map no code: it is loaded
+        // now, and FFmpeg's later load finds it in place. Kept for the worker's life.
+        if (opened.device != nullptr && type == AV_HWDEVICE_TYPE_CUDA) {
+            dlopen("libnvcuvid.so.1", RTLD_NOW | RTLD_GLOBAL);
+        }
         opened_.emplace(type, opened);
         return opened.result;
     }

@@ -56,10 +56,20 @@ Runtime::Runtime() {
     confinement::confine(confinement::Stage::kAccepting);
 }
 
-// The server goes first (its workers end meanwhile). A stop request that arrives then is moot,
-// and one that waits blocked for the signal watchers would end the process when they go.
+// The server goes first (its workers end meanwhile), then the signal watchers, in reverse order
+// of their making. A stop request that arrives once they are gone is moot (the process is ending
+// with the orderly stop's status), and must not end it instead: stop requests are held back
+// while the watchers go, and ignored afterwards.
 Runtime::~Runtime() {
     media_server.reset();
+    sigset_t stops;
+    sigemptyset(&stops);
+    sigaddset(&stops, SIGTERM);
+    sigaddset(&stops, SIGINT);
+    sigprocmask(SIG_BLOCK, &stops, nullptr);
+    sighup_watcher.reset();
+    sigint_watcher.reset();
+    sigterm_watcher.reset();
     signal(SIGTERM, SIG_IGN);
     signal(SIGINT, SIG_IGN);
 }
