@@ -53,8 +53,6 @@ class MediaDecoder {
     uint32_t pending_request() const { return read_request<uint32_t>(REQ_TYPE_OFFSET); }
     // Whether the client's object shrank under the mapping: the client must be dropped, not synced.
     bool block_lost() const { return lost_; }
-    // The mapped block, for the fuzz target, which plays the clients in the service's process.
-    uint8_t* exchange_block() const { return block; }
 
   private:
     bool dispatch(uint32_t request_type);

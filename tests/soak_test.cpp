@@ -19,7 +19,6 @@
 #include <map>
 #include <random>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
