@@ -1,7 +1,8 @@
 #pragma once
 
-// The descriptor owner of the client library, under the service's own name.
+// The descriptor owner of the client library, under the service's own name: one owner of
+// descriptors for the service, its tools and its clients.
 
-#include "client/media_unique_fd.h"
+#include "protocol/media_unique_fd.h"
 
 using mediaclient::UniqueFd;

@@ -12,9 +12,10 @@ extern "C" {
 #include "bench/race.h"
 #include "bench/sections.h"
 #include "bench/targets.h"
-#include "decoder/exchange_block.h"
+#include "protocol/media_protocol.h"
 
 using namespace mediatools;
+using namespace mediaclient::protocol;
 
 namespace mediabench {
 

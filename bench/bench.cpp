@@ -11,11 +11,12 @@
 #include <thread>
 #include <utility>
 
-#include "decoder/exchange_block.h"
+#include "protocol/media_protocol.h"
 #include "tools/proc_stat.h"
 #include "tools/service_link.h"
 
 using namespace mediatools;
+using namespace mediaclient::protocol;
 
 namespace mediabench {
 

@@ -24,6 +24,7 @@ extern "C" {
 #include "tools/service_link.h"
 
 using namespace mediatools;
+using namespace mediaclient::protocol;
 
 namespace mediabench {
 

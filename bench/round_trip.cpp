@@ -14,7 +14,9 @@
 #include "bench/bench.h"
 #include "bench/sections.h"
 #include "bench/targets.h"
-#include "decoder/exchange_block.h"
+#include "protocol/media_protocol.h"
+
+using namespace mediaclient::protocol;
 
 namespace mediabench {
 

@@ -7,8 +7,10 @@
 #include <initializer_list>
 
 // The service's own rules for formats and channel layouts, so that a refusal here is exactly a
-// request the service would fail.
-#include "decoder/ffmpeg_protocol.h"
+// request the service would fail: the output layouts come from the one header of FFmpeg version
+// switches, which includes nothing of the service's.
+#include "decoder/ffmpeg_compat.h"
+#include "protocol/ffmpeg_protocol.h"
 
 namespace mediaclient {
 

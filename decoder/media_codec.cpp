@@ -4,10 +4,11 @@
 #include <climits>
 #include <cstring>
 
-#include "decoder/ffmpeg_protocol.h"
+#include "protocol/ffmpeg_protocol.h"
 #include "decoder/media_codec_internal.h"
 
 using namespace codec_detail;
+using namespace mediaclient::protocol;
 
 namespace codec_detail {
 

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "decoder/exchange_block.h"
+#include "protocol/media_protocol.h"
 #include "decoder/ffmpeg_compat.h"
 #include "decoder/memory_budget.h"
 #include "decoder/picture_ledger.h"
@@ -36,8 +36,8 @@ class MediaCodec {
 
     // Where the answers go.
     struct Areas {
-        ExchangeResult* result;  // the result area
-        uint8_t* output;         // the output area, SHM_AREA_SIZE bytes
+        mediaclient::protocol::ExchangeResult* result;  // the result area
+        uint8_t* output;                                // the output area, SHM_AREA_SIZE bytes
         // Called after a picture of `used` bytes was written: from there to the end of the output
         // area everything must read zero. The service releases the block's pages; in-process,
         // zeros are written.
@@ -156,8 +156,8 @@ class MediaCodec {
     const char* chosen_device_name() const;
 
     void write_result(int32_t status, uint32_t output_size, int64_t output_pts);
-    void write_failure() { write_result(STATUS_FAILED, 0, 0); }
-    void clear_result() { write_result(STATUS_OK, 0, 0); }
+    void write_failure() { write_result(mediaclient::protocol::STATUS_FAILED, 0, 0); }
+    void clear_result() { write_result(mediaclient::protocol::STATUS_OK, 0, 0); }
     bool append_extradata(AVCodecContext* ctx, const uint8_t* bytes, int size);
     bool charge_config(MemoryCharge& charge, int32_t size, int contexts);
 
@@ -166,7 +166,7 @@ class MediaCodec {
     MemoryAccount account_;
     const Areas areas_;
     const HardwareSeam& seam_;
-    int32_t media_type_ = MEDIA_TYPE_NONE;
+    int32_t media_type_ = mediaclient::protocol::MEDIA_TYPE_NONE;
     av_ptr<AVFrame> frame_;
     av_ptr<AVPacket> packet_;
     std::unique_ptr<video_context_t> video_ctx_;

@@ -5,11 +5,27 @@
 #include <new>
 
 #include "base/defer_action.h"
-#include "decoder/ffmpeg_protocol.h"
 #include "decoder/media_codec_internal.h"
 #include "decoder/memory_estimates.h"
+#include "protocol/ffmpeg_protocol.h"
 
 using namespace codec_detail;
+using namespace mediaclient::protocol;
+
+namespace {
+
+// The channel layout a decoded audio frame is resampled from: its own, or the default layout for
+// its channel count where its layout is missing or disagrees with that count.
+int64_t frame_input_layout(const AVFrame* frame) {
+    const uint64_t layout = ffcompat::frame_channel_layout(frame);
+    const int channels = ffcompat::frame_channels(frame);
+    if (layout == 0 || ffcompat::layout_nb_channels(layout) != channels) {
+        return ffcompat::default_channel_layout(channels);
+    }
+    return static_cast<int64_t>(layout);
+}
+
+}  // namespace
 
 // The decoder context of the state's input format with the configuration bytes, opened; null,
 // with the reason logged, when it cannot be.

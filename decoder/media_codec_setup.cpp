@@ -7,11 +7,12 @@
 #include <new>
 
 #include "base/defer_action.h"
-#include "decoder/ffmpeg_protocol.h"
+#include "protocol/ffmpeg_protocol.h"
 #include "decoder/media_codec_internal.h"
 #include "decoder/memory_estimates.h"
 
 using namespace codec_detail;
+using namespace mediaclient::protocol;
 
 namespace {
 

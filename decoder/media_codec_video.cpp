@@ -4,12 +4,13 @@
 #include <cstring>
 
 #include "base/defer_action.h"
-#include "decoder/ffmpeg_protocol.h"
+#include "protocol/ffmpeg_protocol.h"
 #include "decoder/media_codec_internal.h"
 #include "decoder/memory_estimates.h"
 #include "decoder/packed_picture.h"
 
 using namespace codec_detail;
+using namespace mediaclient::protocol;
 
 const char* MediaCodec::chosen_device_name() const {
     const AVCodecContext* ctx = video_ctx_ ? video_ctx_->hw_codec_ctx.get() : nullptr;

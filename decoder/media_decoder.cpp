@@ -15,8 +15,10 @@
 #include "base/log.h"
 #include "base/shm_guard.h"
 #include "base/system_log.h"
-#include "decoder/ffmpeg_protocol.h"
+#include "protocol/ffmpeg_protocol.h"
 #include "decoder/memory_budget.h"
+
+using namespace mediaclient::protocol;
 
 #define LOG_MODULE "media decoder"
 #define LOG_FILE "media_decoder"

@@ -11,7 +11,7 @@
 
 #include "base/ashmem.h"
 #include "base/unique_fd.h"
-#include "decoder/exchange_block.h"
+#include "protocol/media_protocol.h"
 #include "decoder/media_codec.h"
 
 // A worker opens each type of hardware device once, at its first setup, before it confines itself
@@ -50,7 +50,9 @@ class MediaDecoder {
     // the mapping (then it reads zero and no result can reach the client).
     bool serve_request();
     // The request that waits in the block.
-    uint32_t pending_request() const { return read_request<uint32_t>(REQ_TYPE_OFFSET); }
+    uint32_t pending_request() const {
+        return read_request<uint32_t>(mediaclient::protocol::REQ_TYPE_OFFSET);
+    }
     // Whether the client's object shrank under the mapping: the client must be dropped, not synced.
     bool block_lost() const { return lost_; }
 
@@ -64,7 +66,7 @@ class MediaDecoder {
     template <typename T>
     T read_request(size_t offset) const {
         T value;
-        memcpy(&value, block + SHM_REQUEST_OFFSET + offset, sizeof(T));
+        memcpy(&value, block + mediaclient::protocol::SHM_REQUEST_OFFSET + offset, sizeof(T));
         return value;
     }
 

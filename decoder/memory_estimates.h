@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <cstdint>
 
-#include "decoder/exchange_block.h"
+#include "protocol/media_protocol.h"
 #include "decoder/ffmpeg_compat.h"
 
 namespace memory_estimates {
@@ -57,7 +57,7 @@ inline int64_t picture_bytes(int width, int height, int format) {
 inline int64_t conversion_bytes(int64_t source_picture, int source_width, int out_width,
                                 int64_t output_picture, bool from_hardware) {
     const int64_t scaler = 64 * int64_t{std::max(source_width, 0) + std::max(out_width, 0)} * 8;
-    const int64_t output = std::min<int64_t>(output_picture, SHM_AREA_SIZE);
+    const int64_t output = std::min<int64_t>(output_picture, mediaclient::protocol::SHM_AREA_SIZE);
     return scaler + 2 * output + (from_hardware ? source_picture : 0) + kMiB;
 }
 

@@ -10,8 +10,10 @@
 #include <cstring>
 
 #include "base/eintr.h"
-#include "decoder/exchange_block.h"
+#include "protocol/media_protocol.h"
 #include "server/server_internal.h"
+
+using namespace mediaclient::protocol;
 
 using server_detail::CLIENT_READ_SIZE;
 

@@ -14,9 +14,11 @@
 
 #include "base/eintr.h"
 #include "base/system_log.h"
-#include "decoder/exchange_block.h"
+#include "protocol/media_protocol.h"
 #include "server/media_server.h"
 #include "server/server_internal.h"
+
+using namespace mediaclient::protocol;
 
 namespace {
 

@@ -37,7 +37,7 @@
 #include <ev++.h>
 
 #include "base/unique_fd.h"
-#include "decoder/exchange_block.h"
+#include "protocol/media_protocol.h"
 #include "decoder/memory_budget.h"
 
 // Program name (basename of argv[0]) of process `pid`, or an empty string when it cannot be read.
@@ -49,9 +49,10 @@ class MediaServer {
     // its ancillary data brought.
     struct client_type_msg_t {
         uint8_t client_type = 0;
-        char shm_name[SHM_NAME_MAX + 1] = {};  // type 3: the POSIX shared memory object's name
-        UniqueFd shm_fd;                       // the one descriptor passed; none when two came
-        int session_pid = -1;                  // from the sender's credentials
+        // type 3: the POSIX shared memory object's name
+        char shm_name[mediaclient::protocol::SHM_NAME_MAX + 1] = {};
+        UniqueFd shm_fd;       // the one descriptor passed; none when two came
+        int session_pid = -1;  // from the sender's credentials
     };
 
     // Listens on `path`; decoder clients are served by workers of `program`, by default the

@@ -15,9 +15,11 @@
 #include "base/defer_action.h"
 #include "base/eintr.h"
 #include "base/system_log.h"
-#include "decoder/exchange_block.h"
+#include "protocol/media_protocol.h"
 #include "server/media_server.h"
 #include "server/server_internal.h"
+
+using namespace mediaclient::protocol;
 
 using server_detail::CLIENT_READ_SIZE;
 using server_detail::set_write_interest;

@@ -14,7 +14,9 @@
 #include "base/memory_limit.h"
 #include "decoder/memory_budget.h"
 #include "service/confinement.h"
-#include "decoder/exchange_block.h"
+#include "protocol/media_protocol.h"
+
+using namespace mediaclient::protocol;
 
 namespace {
 

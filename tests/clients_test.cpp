@@ -23,10 +23,11 @@
 #include <gtest/gtest.h>
 
 #include "base/unique_fd.h"
-#include "decoder/ffmpeg_protocol.h"
+#include "protocol/ffmpeg_protocol.h"
 #include "support/support.h"
 
 using namespace mediaclient;
+using namespace mediaclient::protocol;
 
 namespace {
 

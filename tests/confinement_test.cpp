@@ -20,6 +20,7 @@
 #include "support/support.h"
 
 using namespace mediaclient;
+using namespace mediaclient::protocol;
 
 namespace {
 

@@ -14,6 +14,8 @@
 #include "decoder/media_decoder.h"
 #include "support/support.h"
 
+using namespace mediaclient::protocol;
+
 namespace {
 
 using Names = std::vector<std::string>;

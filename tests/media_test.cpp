@@ -15,12 +15,15 @@
 
 extern "C" {
 #include <libavutil/samplefmt.h>
+#include <libavutil/imgutils.h>
+#include <libavutil/pixdesc.h>
 }
 
-#include "decoder/ffmpeg_protocol.h"
+#include "protocol/ffmpeg_protocol.h"
 #include "support/support.h"
 
 using namespace mediaclient;
+using namespace mediaclient::protocol;
 
 namespace {
 

@@ -26,6 +26,7 @@
 #include "tools/service_link.h"
 
 using namespace mediaclient;
+using namespace mediaclient::protocol;
 
 namespace {
 

@@ -14,9 +14,11 @@
 
 #include <gtest/gtest.h>
 
-#include "decoder/exchange_block.h"
+#include "protocol/media_protocol.h"
 #include "support/support.h"
 #include "tools/service_link.h"
+
+using namespace mediaclient::protocol;
 
 namespace {
 

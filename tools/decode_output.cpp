@@ -10,7 +10,9 @@ extern "C" {
 #include <libavutil/samplefmt.h>
 }
 
-#include "decoder/exchange_block.h"
+#include "protocol/media_protocol.h"
+
+using namespace mediaclient::protocol;
 
 namespace mediatools {
 

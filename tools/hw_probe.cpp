@@ -5,7 +5,10 @@
 #include <algorithm>
 
 #include "decoder/av_error.h"
-#include "decoder/ffmpeg_protocol.h"
+#include "decoder/ffmpeg_compat.h"
+#include "protocol/ffmpeg_protocol.h"
+
+using namespace mediaclient::protocol;
 
 namespace mediatools {
 

@@ -5,8 +5,10 @@
 #include <cstring>
 #include <new>
 
-#include "decoder/ffmpeg_protocol.h"
+#include "protocol/ffmpeg_protocol.h"
 #include "decoder/media_codec.h"
+
+using namespace mediaclient::protocol;
 
 namespace mediatools {
 

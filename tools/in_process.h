@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "client/media_client.h"
-#include "decoder/exchange_block.h"
+#include "protocol/media_protocol.h"
 #include "tools/media_file.h"
 
 class MediaCodec;
@@ -29,7 +29,7 @@ inline bool operator==(const Answer& a, const Answer& b) {
     return a.status == b.status && a.size == b.size && a.pts == b.pts;
 }
 
-Answer answer_of(const ExchangeResult& r);
+Answer answer_of(const mediaclient::ExchangeResult& r);
 
 // The init codec parameters (param1..param7, less the configuration size) for a demuxed stream
 // and the given output.
@@ -68,7 +68,7 @@ class InProcessDecoder {
 
     uint8_t* area_;
     size_t written_ = 0;  // how far the area may hold bytes that are not zero
-    std::unique_ptr<ExchangeResult> result_;
+    std::unique_ptr<mediaclient::ExchangeResult> result_;
     std::unique_ptr<MediaCodec> codec_;
 };
 

@@ -19,8 +19,8 @@ extern "C" {
 
 #include "base/log.h"
 #include "client/media_client.h"
-#include "decoder/exchange_block.h"
-#include "decoder/ffmpeg_protocol.h"
+#include "protocol/media_protocol.h"
+#include "protocol/ffmpeg_protocol.h"
 #include "tools/decode_options.h"
 #include "tools/decode_output.h"
 #include "tools/hw_probe.h"
@@ -30,6 +30,7 @@ extern "C" {
 #include "tools/service_link.h"
 
 using namespace mediatools;
+using namespace mediaclient::protocol;
 
 namespace {
 

@@ -7,8 +7,10 @@ extern "C" {
 
 #include "client/media_client.h"
 #include "decoder/av_error.h"
-#include "decoder/exchange_block.h"
+#include "protocol/media_protocol.h"
 #include "decoder/ffmpeg_compat.h"
+
+using namespace mediaclient::protocol;
 
 namespace mediatools {
 

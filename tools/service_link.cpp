@@ -19,8 +19,10 @@
 #include "base/eintr.h"
 #include "base/unique_fd.h"
 #include "client/media_client.h"
-#include "decoder/exchange_block.h"
+#include "protocol/media_protocol.h"
 #include "tools/proc_stat.h"
+
+using namespace mediaclient::protocol;
 
 extern char** environ;
 

@@ -20,12 +20,14 @@
 
 #include <gtest/gtest.h>
 
-#include "decoder/exchange_block.h"
+#include "protocol/media_protocol.h"
 #include "tools/service_link.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavutil/log.h>
+
+using namespace mediaclient::protocol;
 }
 
 extern char** environ;

@@ -1,11 +1,25 @@
 #pragma once
 
-// The facts of the protocol that need FFmpeg to state, for the service and the tools alike: the
-// codec of each table row, what output formats a client may ask for, the hardware device types in
-// the order the video setup tries them, and the surface format a decoder produces on a device.
+// The facts of the protocol that need FFmpeg to state, for the service, the client library's checks
+// and the tools alike: the codec of each table row, what output formats a client may ask for, the
+// hardware device types in the order the video setup tries them, and the surface format a decoder
+// produces on a device. Not installed: clients state formats by name (media_client.h).
+//
+// Only interfaces every supported FFmpeg has: version switches belong to decoder/ffmpeg_compat.h.
 
-#include "decoder/exchange_block.h"
-#include "decoder/ffmpeg_compat.h"
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/hwcontext.h>
+#include <libavutil/pixfmt.h>
+#include <libavutil/samplefmt.h>
+}
+
+#include <cstdint>
+
+#include "protocol/media_protocol.h"
+
+namespace mediaclient {
+namespace protocol {
 
 // Format numbers from a client's request as FFmpeg enumerators. A number beyond either end of the
 // enumeration would make an enum hold a value it cannot represent (undefined behaviour); it
@@ -37,7 +51,7 @@ inline int effective_out_pix_fmt(int requested) {
 // Hardware device types, in the order the video setup makes their candidates.
 constexpr const char* HW_DEVICE_TYPES[] = {"vdpau", "cuda", "vaapi"};
 
-// The codec of a table row. exchange_block.h names the rows for clients without FFmpeg; the names
+// The codec of a table row. media_protocol.h names the rows for clients without FFmpeg; the names
 // are FFmpeg's codec descriptor names, so that they are the one home of both tables.
 inline AVCodecID table_codec_id(int32_t media_type, uint32_t row) {
     const char* name = nullptr;
@@ -66,13 +80,5 @@ inline AVPixelFormat hw_surface_format(const AVCodec* codec, AVHWDeviceType type
     }
 }
 
-// The channel layout a decoded audio frame is resampled from: its own, or the default layout for
-// its channel count where its layout is missing or disagrees with that count.
-inline int64_t frame_input_layout(const AVFrame* frame) {
-    const uint64_t layout = ffcompat::frame_channel_layout(frame);
-    const int channels = ffcompat::frame_channels(frame);
-    if (layout == 0 || ffcompat::layout_nb_channels(layout) != channels) {
-        return ffcompat::default_channel_layout(channels);
-    }
-    return static_cast<int64_t>(layout);
-}
+}  // namespace protocol
+}  // namespace mediaclient
