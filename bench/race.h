@@ -36,7 +36,7 @@ class Team {
     Team(int members, std::function<long(int member, size_t from, size_t to)> work);
     Team(const Team&) = delete;
     Team& operator=(const Team&) = delete;
-    virtual ~Team();
+    ~Team();
 
     // Every member decodes [from, to); returns when all are done, with their outputs.
     long run(size_t from, size_t to);

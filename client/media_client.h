@@ -203,7 +203,9 @@ class SessionClient {
     SessionClient() = default;
     SessionClient(const SessionClient&) = delete;
     SessionClient& operator=(const SessionClient&) = delete;
-    virtual ~SessionClient();  // stops the answering thread, closes the connection
+    // Stops the answering thread, closes the connection. Virtual, like DecoderClient's and
+    // UniqueFd's, only for the layout libmediaclient.so.2 shipped; it goes with the next soname.
+    virtual ~SessionClient();
 
     // Connects and registers as the session client for process `pid` (own pid when 0). The
     // service answers nothing; a refusal (it has a session client already) closes the connection.
@@ -267,7 +269,9 @@ class DecoderClient {
     DecoderClient() = default;
     DecoderClient(const DecoderClient&) = delete;
     DecoderClient& operator=(const DecoderClient&) = delete;
-    virtual ~DecoderClient();  // closes the connection, unmaps the block, unlinks its own object
+    // Closes the connection, unmaps the block, unlinks its own object. Virtual only for the
+    // layout of libmediaclient.so.2.
+    virtual ~DecoderClient();
 
     // Creates a POSIX shared memory object of SHM_BLOCK_SIZE (34 MiB) bytes (a unique name when
     // `shm_name` is empty), maps it, connects and registers as a type 3 client. The object is
@@ -296,12 +300,6 @@ class DecoderClient {
     // object connect_posix() made. The object can connect again.
     void close();
 
-    // On by default: requests that the service can only fail (a codec row beyond its table, an
-    // output size of 0, a picture larger than the output area, an unknown format, an empty packet)
-    // are refused with kInvalidArgument before they are written. Off: they go out as given, for
-    // tests of the service's own answers. Data larger than its area is refused either way.
-    void check_requests(bool on) { check_requests_ = on; }
-
     // The mapped block and its areas (null without a block).
     uint8_t* block() { return block_; }
     uint8_t* input() { return block_ ? block_ + protocol::SHM_INPUT_OFFSET : nullptr; }
@@ -310,8 +308,6 @@ class DecoderClient {
     }
     // The result area as the last answer left it.
     ExchangeResult result() const;
-    // Overwrites the result area, e.g. with a marker to see whether a request wrote it.
-    void set_result(const ExchangeResult& result);
     // What output() holds after a decode with output (see VideoOutput), as the last init or
     // reset written asked for it.
     const VideoOutput& video_output() const { return video_output_; }
@@ -367,24 +363,30 @@ class DecoderClient {
                                  const void* config = nullptr, size_t config_size = 0);
     ClientError write_init_audio(uint32_t codec_index, const AudioInitParams& params,
                                  const void* config = nullptr, size_t config_size = 0);
-    // Any media type and codec row with raw parameters: never checked beyond the data's size.
-    ClientError write_init(uint32_t media_type, uint32_t codec_index,
-                           const std::array<int32_t, 7>& params, const void* config = nullptr,
-                           size_t config_size = 0);
     ClientError write_decode_frame(const void* data, size_t size, int64_t pts);
     ClientError write_codec_config(const void* data, size_t size);
     ClientError write_reset_video(int32_t out_width, int32_t out_height, PixelFormat out_pix_fmt);
     ClientError write_reset_audio(SampleFormat out_sample_fmt, int32_t out_channels,
                                   int32_t out_sample_rate);
     ClientError write_request_type(uint32_t request_type);
-    // Rings the doorbell with a record of `bytes` bytes (at least 1).
-    ClientError ring(size_t bytes = 1);
+    // Rings the doorbell.
+    ClientError ring() { return ring(size_t{1}); }
     // Waits for one sync msg. kTimeout leaves a late sync msg unread: the next wait would take it.
     ClientError wait_sync(int timeout_ms = kDefaultTimeoutMs);
     // ring() then wait_sync().
     ClientError call(int timeout_ms = kDefaultTimeoutMs);
 
   private:
+    // What only the library's own tests reach (client/decoder_seam.h, not installed): requests
+    // the library would refuse, raw setups, a marked result area, longer doorbells.
+    friend class DecoderClientSeam;
+    void check_requests(bool on) { check_requests_ = on; }
+    void set_result(const ExchangeResult& result);
+    ClientError write_init(uint32_t media_type, uint32_t codec_index,
+                           const std::array<int32_t, 7>& params, const void* config = nullptr,
+                           size_t config_size = 0);
+    ClientError ring(size_t bytes);
+
     ClientError attach(int shm_fd, uint8_t client_type, const std::string& socket_path);
     ClientError map_block(int fd);
     ClientError need_block();

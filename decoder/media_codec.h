@@ -60,7 +60,7 @@ class MediaCodec {
                         const HardwareSeam* seam = nullptr);
     MediaCodec(const MediaCodec&) = delete;
     MediaCodec& operator=(const MediaCodec&) = delete;
-    virtual ~MediaCodec();
+    ~MediaCodec();
 
     // The requests. A setup takes its configuration bytes from `config` (`config_size` bytes, as
     // the client put them at the start of the input area) and answers false when it failed.
@@ -106,7 +106,7 @@ class MediaCodec {
         int32_t out_width = 0;
         int32_t out_height = 0;
         int32_t out_pix_fmt = 0;
-        virtual ~video_context_t();
+        ~video_context_t();
     };
 
     struct audio_context_t {
@@ -123,7 +123,7 @@ class MediaCodec {
         int32_t out_channels = 0;
         int64_t out_channel_layout = 0;
         int32_t out_sample_fmt = 0;
-        virtual ~audio_context_t();
+        ~audio_context_t();
     };
 
     void decode_video_branch();

@@ -31,7 +31,7 @@ class MemoryAccount {
     explicit MemoryAccount(MemoryBudget& budget);
     MemoryAccount(const MemoryAccount&) = delete;
     MemoryAccount& operator=(const MemoryAccount&) = delete;
-    virtual ~MemoryAccount();  // every charge must be given back by then
+    ~MemoryAccount();  // every charge must be given back by then (see the .cpp)
 
     int64_t held() const;
     // The most it has held at once.
@@ -57,7 +57,7 @@ class MemoryCharge {
     MemoryCharge& operator=(MemoryCharge&& other) noexcept;
     MemoryCharge(const MemoryCharge&) = delete;
     MemoryCharge& operator=(const MemoryCharge&) = delete;
-    virtual ~MemoryCharge() { set(0, nullptr); }
+    ~MemoryCharge() { set(0, nullptr); }
 
     // Makes the charge `bytes`. Growing asks the budget; when it refuses, the charge stays as it
     // was, the refusal is logged naming `what` (unless it is null: the accepting process grants a
@@ -86,6 +86,9 @@ class MemoryBudget {
     using Upstream = std::function<bool(int64_t wanted, MemoryGrant* answer)>;
     // Grants are asked for in multiples of this.
     static constexpr int64_t kSlab = int64_t{1} << 20;
+    // The reserve, limit / kReserveDivisor (the last quarter), is granted only to clients within
+    // their share.
+    static constexpr int64_t kReserveDivisor = 4;
 
     // The service's budget, unlimited until set_limit() (the tools decode in-process with it).
     static MemoryBudget& service();
@@ -93,7 +96,7 @@ class MemoryBudget {
     explicit MemoryBudget(int64_t limit) : limit_(limit) {}
     MemoryBudget(const MemoryBudget&) = delete;
     MemoryBudget& operator=(const MemoryBudget&) = delete;
-    virtual ~MemoryBudget() = default;
+    ~MemoryBudget() = default;
 
     void set_limit(int64_t limit);
     // From now on the limit is the upstream's: a worker's budget.

@@ -14,6 +14,11 @@
 // Decoders keep tables of their own beside each picture (motion vectors, macroblock types), which
 // FFmpeg allocates outside the pool: each picture entry is charged `side_bytes_per_pixel` more for
 // each of its pixels to cover them.
+//
+// Threads: none of its own and no lock. Its methods and both callbacks run on the thread that
+// drives the decoder context (a worker's), since the contexts decode without threads of their own
+// (FFmpeg's default of one) and every picture is given back on that thread, by the codec. A
+// context given decoding threads would need a lock around `entries_` and the charge.
 
 #include <cstdint>
 #include <map>
@@ -36,7 +41,7 @@ class PictureLedger : public std::enable_shared_from_this<PictureLedger> {
     PictureLedger(MemoryAccount* account, double side_bytes_per_pixel);
     PictureLedger(const PictureLedger&) = delete;
     PictureLedger& operator=(const PictureLedger&) = delete;
-    virtual ~PictureLedger() = default;
+    ~PictureLedger() = default;
 
     int64_t charged() const { return charge_.bytes(); }
 

@@ -20,6 +20,8 @@ class UniqueFd {
         }
         return *this;
     }
+    // Virtual only because libmediaclient.so.2 shipped it so: the vtable pointer is part of the
+    // layout its clients were compiled against. It goes with the next soname.
     virtual ~UniqueFd() { reset(); }
 
     int get() const { return fd_; }

@@ -60,7 +60,7 @@ class MediaServer {
     explicit MediaServer(const std::string& path, UniqueFd program = UniqueFd());
     MediaServer(const MediaServer&) = delete;
     MediaServer& operator=(const MediaServer&) = delete;
-    virtual ~MediaServer();
+    ~MediaServer();
 
     void on_media_server_stopped(const std::function<void()>& callback);
     void stop();
@@ -79,7 +79,7 @@ class MediaServer {
         pending_io_t() = default;
         pending_io_t(const pending_io_t&) = delete;
         pending_io_t& operator=(const pending_io_t&) = delete;
-        virtual ~pending_io_t();
+        ~pending_io_t();
     };
 
     struct listen_handle_t {
@@ -93,7 +93,7 @@ class MediaServer {
         listen_handle_t() = default;
         listen_handle_t(const listen_handle_t&) = delete;
         listen_handle_t& operator=(const listen_handle_t&) = delete;
-        virtual ~listen_handle_t();
+        ~listen_handle_t();
     };
 
     struct session_handle_t {
@@ -109,7 +109,7 @@ class MediaServer {
         session_handle_t();
         session_handle_t(const session_handle_t&) = delete;
         session_handle_t& operator=(const session_handle_t&) = delete;
-        virtual ~session_handle_t();
+        ~session_handle_t();
 
         void on_session_io_event(ev::io& watcher, int revents);
         void on_session_timer_event(ev::timer& watcher, int revents);
@@ -136,7 +136,7 @@ class MediaServer {
         decoder_handle_t(const decoder_handle_t&) = delete;
         decoder_handle_t& operator=(const decoder_handle_t&) = delete;
         // Tells the worker to end; the server's teardown waits for it first (wait_for_end).
-        virtual ~decoder_handle_t();
+        ~decoder_handle_t();
 
         // The worker ends after the request it may be running. Idempotent.
         void signal_quit();

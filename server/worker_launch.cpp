@@ -3,33 +3,16 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <string>
 
+#include "base/close_descriptors.h"
+
 namespace worker_launch {
 
 namespace {
-
-// Every descriptor from `first` on is closed: the accepting process holds other clients'
-// connections and blocks, and descriptors received from clients are not close-on-exec.
-void close_from(int first) {
-#ifdef SYS_close_range
-    if (syscall(SYS_close_range, first, ~0U, 0) == 0) {
-        return;
-    }
-#endif
-    rlimit limit{};
-    const int last = getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY
-                         ? static_cast<int>(limit.rlim_cur)
-                         : 65536;
-    for (int fd = first; fd < last; ++fd) {
-        close(fd);
-    }
-}
 
 // In the child, between fork and exec: only async-signal-safe calls.
 [[noreturn]] void become_worker(const Launch& l, pid_t parent, char* const argv[]) {
@@ -55,6 +38,8 @@ void close_from(int first) {
     if (program < 0) {
         _exit(127);
     }
+    // The accepting process holds other clients' connections and blocks, and descriptors
+    // received from clients are not close-on-exec.
     close_from(program + 1);
     sigset_t none;
     sigemptyset(&none);

@@ -14,7 +14,7 @@ class Runtime {
     Runtime();
     Runtime(const Runtime&) = delete;
     Runtime& operator=(const Runtime&) = delete;
-    virtual ~Runtime();
+    ~Runtime();
 
     // Runs the loop until a stop request breaks it.
     void run();

@@ -24,6 +24,7 @@
 
 #include "base/unique_fd.h"
 #include "protocol/ffmpeg_protocol.h"
+#include "client/decoder_seam.h"
 #include "support/support.h"
 
 using namespace mediaclient;
@@ -55,7 +56,7 @@ class Requests : public ::testing::Test {
         daemon.options().env["SVC_TEST_SYSLOG"] = "1";
         ASSERT_TRUE(daemon.start());
         // These cases are the service's own answers, also to what the library would refuse.
-        c.check_requests(false);
+        DecoderClientSeam::check_requests(c, false);
         ASSERT_EQ(c.connect_posix(daemon.socket_path()), ClientError::kOk);
     }
 
@@ -63,7 +64,7 @@ class Requests : public ::testing::Test {
     // result area; the result.
     ExchangeResult call(ClientError written) {
         EXPECT_EQ(written, ClientError::kOk);
-        c.set_result(kMarker);
+        DecoderClientSeam::set_result(c, kMarker);
         EXPECT_EQ(c.call(kWaitMs), ClientError::kOk);
         return c.result();
     }
@@ -129,7 +130,7 @@ class Handshake : public Requests {};
 // A doorbell of 300 bytes is one doorbell: one execution, one sync msg.
 TEST_F(Channel, LongDoorbellCountsOnce) {
     auto other = client();
-    ASSERT_EQ(other->ring(300), ClientError::kOk);
+    ASSERT_EQ(DecoderClientSeam::ring(*other, 300), ClientError::kOk);
     EXPECT_EQ(other->wait_sync(kWaitMs), ClientError::kOk);
     EXPECT_EQ(other->wait_sync(300), ClientError::kTimeout);
     EXPECT_EQ(daemon.count("flush decoder"), 2u);
@@ -309,13 +310,13 @@ TEST_F(Requests, WithoutDecoder) {
         EXPECT_TRUE(same(call(c.write_reset_audio(1, 2, 44100)), ExchangeResult{}));
     };
     // Checked, the library refuses what only a decoder answers; a success clears its text.
-    c.check_requests(true);
+    DecoderClientSeam::check_requests(c, true);
     EXPECT_EQ(c.decode_frame("x", 1, 0), ClientError::kInvalidArgument);
     EXPECT_EQ(c.last_error_text(),
               "decode frame: no decoder on this connection (init_video() or init_audio() first)");
     EXPECT_EQ(c.flush(kWaitMs), ClientError::kOk);
     EXPECT_EQ(c.last_error_text(), "");
-    c.check_requests(false);
+    DecoderClientSeam::check_requests(c, false);
     answers_without_decoder({16, 0, -1});
     ASSERT_TRUE(init(mp2()));
     ASSERT_EQ(c.destroy(kWaitMs), ClientError::kOk);
@@ -426,7 +427,8 @@ TEST_F(Requests, EndingRequests) {
     size_t purges = daemon.count(kPurge);
     for (const auto& e : cases) {
         SCOPED_TRACE(e.line);
-        ASSERT_EQ(c.write_init(e.media_type, e.codec_index, {64, 64, 0, 0, 64, 64, 0}),
+        ASSERT_EQ(DecoderClientSeam::write_init(c, e.media_type, e.codec_index,
+                                                {64, 64, 0, 0, 64, 64, 0}),
                   ClientError::kOk);
         EXPECT_TRUE(same(call(c.write_request_type(e.type)), kMarker));
         EXPECT_TRUE(log_has(daemon.log(), e.level, e.line));
@@ -514,12 +516,13 @@ TEST_F(Requests, EveryCodecRowIsFFmpegsCodec) {
             EXPECT_EQ(r.status, refused.count(names[row]) ? STATUS_FAILED : STATUS_OK);
             if (refused.count(names[row])) {  // the failed init ended the worker
                 EXPECT_EQ(c.flush(300), ClientError::kTimeout);
-                c.check_requests(true);  // the library knows, and says so without waiting
+                DecoderClientSeam::check_requests(
+                    c, true);  // the library knows, and says so without waiting
                 EXPECT_EQ(c.flush(kWaitMs), ClientError::kDisconnected);
                 EXPECT_EQ(c.last_error_text(),
                           "flush: the service ended this connection's decoder when its init "
                           "failed (close() and connect again)");
-                c.check_requests(false);
+                DecoderClientSeam::check_requests(c, false);
                 reconnect();
             }
         }

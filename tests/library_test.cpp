@@ -18,6 +18,7 @@ extern "C" {
 #include <libavutil/samplefmt.h>
 }
 
+#include "client/decoder_seam.h"
 #include "support/support.h"
 
 using namespace mediaclient;
@@ -106,7 +107,7 @@ TEST(Library, RefusesWhatTheServiceCanOnlyFail) {
             EXPECT_EQ(c.last_error_text(), e.refusal);
         }
         // Unchecked, the same request goes out as given, unless its bytes do not fit their area.
-        c.check_requests(false);
+        DecoderClientSeam::check_requests(c, false);
         const bool beyond_area = e.refusal && strstr(e.refusal, "input area holds") != nullptr;
         EXPECT_EQ(e.call(c),
                   beyond_area ? ClientError::kInvalidArgument : ClientError::kNotConnected);

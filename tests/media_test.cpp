@@ -20,6 +20,7 @@ extern "C" {
 }
 
 #include "protocol/ffmpeg_protocol.h"
+#include "client/decoder_seam.h"
 #include "support/support.h"
 
 using namespace mediaclient;
@@ -218,7 +219,8 @@ TEST_F(Video, ResetAndOutputFormats) {
     ASSERT_EQ(c.destroy(kWaitMs), ClientError::kOk);
     EXPECT_EQ(worker_names(daemon.pid()), named);
 
-    c.check_requests(false);  // the library refuses the formats beyond 186 and pal8
+    DecoderClientSeam::check_requests(
+        c, false);  // the library refuses the formats beyond 186 and pal8
     for (int asked : {186, 187, 1000, INT_MIN, -1, int(AV_PIX_FMT_RGB24), int(AV_PIX_FMT_PAL8)}) {
         const int taken = asked >= 0 && asked < 187 ? asked : AV_PIX_FMT_YUV420P;
         ASSERT_NO_FATAL_FAILURE(init(s, 64, 48, asked, taken));
@@ -420,7 +422,7 @@ TEST_F(Audio, FormatsNothingCanHonourAreAnswered) {
                                        {S16, 2, 44100, S16, -2, 44100},
                                        {S16, 2, 44100, AV_SAMPLE_FMT_DBLP, 1000, 44100},
                                        {S16, 2, 44100, S16, 2, 1}};
-    c.check_requests(false);  // the library refuses most of them
+    DecoderClientSeam::check_requests(c, false);  // the library refuses most of them
     for (const AudioInitParams& p : hostile) {
         SCOPED_TRACE("row " + std::to_string(&p - hostile));
         c.close();  // a failed setup ends the worker: a new client each

@@ -43,7 +43,7 @@ class InProcessDecoder {
     InProcessDecoder();
     InProcessDecoder(const InProcessDecoder&) = delete;
     InProcessDecoder& operator=(const InProcessDecoder&) = delete;
-    virtual ~InProcessDecoder();
+    ~InProcessDecoder();
 
     // An init codec request for FFmpeg codec `codec_id` with `config` as the configuration bytes;
     // false when the setup failed (the service then ends the client's decoder).

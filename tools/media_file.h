@@ -45,7 +45,7 @@ class MediaFile {
     MediaFile() = default;
     MediaFile(const MediaFile&) = delete;
     MediaFile& operator=(const MediaFile&) = delete;
-    virtual ~MediaFile();
+    ~MediaFile();
 
     // Opens and probes the file; on failure `error` holds one line.
     bool open(const std::string& path, std::string* error);

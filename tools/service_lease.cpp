@@ -1,13 +1,13 @@
 #include "tools/service_lease.h"
 
 #include <fcntl.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
+#include "base/close_descriptors.h"
 #include "base/eintr.h"
 #include "client/media_client.h"
 #include "tools/service_link.h"
@@ -40,15 +40,7 @@ void detach_from_run(int keep) {
     for (int fd = 0; fd < 3; ++fd) {
         dup2(null_fd, fd);
     }
-    // The kernel's call by number: glibc before 2.34 does not name close_range.
-    if (syscall(__NR_close_range, 3, keep - 1, 0) < 0 ||
-        syscall(__NR_close_range, keep + 1, ~0U, 0) < 0) {
-        for (int fd = 3; fd < 1024; ++fd) {
-            if (fd != keep) {
-                close(fd);
-            }
-        }
-    }
+    close_all_but(keep);
 }
 
 // The keeper: the service's session client until the last lease is gone; then it ends the

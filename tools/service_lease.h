@@ -28,7 +28,7 @@ class ServiceLease {
     ServiceLease() = default;
     ServiceLease(const ServiceLease&) = delete;
     ServiceLease& operator=(const ServiceLease&) = delete;
-    virtual ~ServiceLease() = default;  // closing the lock file gives the lease up
+    ~ServiceLease() = default;  // closing the lock file gives the lease up
 
     // Takes a lease on the service at `socket_path`. When nothing listens there, starts the
     // service, unless `may_start` is false, and its session keeper, unless `keep_running` is true

@@ -5,7 +5,6 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
@@ -16,6 +15,7 @@
 #include <cstring>
 #include <vector>
 
+#include "base/close_descriptors.h"
 #include "base/eintr.h"
 #include "base/unique_fd.h"
 #include "client/media_client.h"
@@ -120,15 +120,7 @@ std::vector<std::string> service_environment(const std::string& socket_path) {
 // writes errno to `report`.
 [[noreturn]] void exec_service(const char* binary, char* const envp[], const char* cgroup_procs,
                                int report) {
-    // The kernel's syscall number, since glibc before 2.34 does not name close_range.
-    if (syscall(__NR_close_range, 3, report - 1, 0) < 0 ||
-        syscall(__NR_close_range, report + 1, ~0U, 0) < 0) {
-        for (int fd = 3; fd < 1024; ++fd) {
-            if (fd != report) {
-                close(fd);
-            }
-        }
-    }
+    close_all_but(report);
     // "0" moves the writer itself; its children (the daemon) stay where it is.
     const int procs = cgroup_procs[0] == 0 ? -1 : open(cgroup_procs, O_WRONLY | O_CLOEXEC);
     if (cgroup_procs[0] == 0 || (procs >= 0 && write(procs, "0", 1) == 1)) {

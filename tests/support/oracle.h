@@ -35,7 +35,7 @@ class Oracle {
     Oracle();
     Oracle(const Oracle&) = delete;
     Oracle& operator=(const Oracle&) = delete;
-    virtual ~Oracle();
+    ~Oracle();
 
     // The stream's decoder with `config` as its configuration bytes; false when it does not open.
     // Video converts to `width` x `height` in `pix_fmt`; audio's parameters are the init's, with
