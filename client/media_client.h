@@ -63,8 +63,8 @@
 #define MEDIACLIENT_VERSION_MINOR 1
 #define MEDIACLIENT_VERSION_PATCH 0
 // One number to compare with: MEDIACLIENT_VERSION >= MEDIACLIENT_VERSION_OF(2, 1, 0).
-#define MEDIACLIENT_VERSION_OF(major, minor, patch) ((major) * 10000 + (minor) * 100 + (patch))
-#define MEDIACLIENT_VERSION                                                       \
+#define MEDIACLIENT_VERSION_OF(major, minor, patch) ((major)*10000 + (minor)*100 + (patch))
+#define MEDIACLIENT_VERSION                                                      \
     MEDIACLIENT_VERSION_OF(MEDIACLIENT_VERSION_MAJOR, MEDIACLIENT_VERSION_MINOR, \
                            MEDIACLIENT_VERSION_PATCH)
 

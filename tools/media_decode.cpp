@@ -117,7 +117,7 @@ Setup output_format(const DecodeOptions& opt, const StreamInfo& info) {
 // a decoder client.
 void connect_service(const DecodeOptions& opt, Service* s) {
     using Start = mediaclient::ServiceLease::Start;
-    const Start start = opt.no_start ? Start::kNever
+    const Start start = opt.no_start     ? Start::kNever
                         : opt.no_session ? Start::kKeepRunning
                                          : Start::kShared;
     if (s->lease.acquire(s->socket_path, start) != mediaclient::ClientError::kOk) {
