@@ -1,4 +1,4 @@
-#include "tools/service_link.h"
+#include "client/service_link.h"
 
 #include <fcntl.h>
 #include <limits.h>
@@ -19,14 +19,12 @@
 #include "base/eintr.h"
 #include "base/unique_fd.h"
 #include "client/media_client.h"
-#include "protocol/media_protocol.h"
-#include "tools/proc_stat.h"
-
-using namespace mediaclient::protocol;
 
 extern char** environ;
 
-namespace mediatools {
+namespace mediaclient {
+
+using protocol::SOCKET_PATH_IN_RUNTIME_DIR;
 
 namespace {
 
@@ -40,6 +38,20 @@ bool executable(const std::string& path) {
 void sleep_ms(int ms) {
     struct timespec ts = {ms / 1000, (ms % 1000) * 1000000L};
     retry_on_eintr([&] { return nanosleep(&ts, &ts); });
+}
+
+// The state letter of /proc/PID/stat (R, S, Z, ...); 0 when the process is gone.
+char process_state(pid_t pid) {
+    FILE* stat = fopen(("/proc/" + std::to_string(pid) + "/stat").c_str(), "re");
+    char state = 0;
+    if (stat != nullptr) {
+        // The program name in parentheses may hold spaces and parentheses itself.
+        char line[512] = {};
+        const char* end = fgets(line, sizeof(line), stat) ? strrchr(line, ')') : nullptr;
+        state = end != nullptr && end[1] == ' ' ? end[2] : 0;
+        fclose(stat);
+    }
+    return state;
 }
 
 bool ends_with(const std::string& s, const std::string& suffix) {
@@ -89,7 +101,7 @@ std::string find_service_binary() {
 }
 
 bool service_listening(const std::string& socket_path) {
-    int fd = mediaclient::connect_service(socket_path);
+    int fd = connect_service(socket_path);
     if (fd < 0) {
         return false;
     }
@@ -108,7 +120,7 @@ std::vector<std::string> service_environment(const std::string& socket_path) {
             env.push_back(*e);
         }
     }
-    if (mediaclient::default_socket_path() != socket_path || getenv("XDG_RUNTIME_DIR") != nullptr) {
+    if (default_socket_path() != socket_path || getenv("XDG_RUNTIME_DIR") != nullptr) {
         env.push_back("XDG_RUNTIME_DIR=" +
                       socket_path.substr(0, socket_path.size() - kSocketSuffix.size()));
     }
@@ -218,7 +230,7 @@ pid_t peer_pid(int fd) {
 }
 
 pid_t listener_pid(const std::string& socket_path) {
-    const int fd = mediaclient::connect_service(socket_path);
+    const int fd = connect_service(socket_path);
     if (fd < 0) {
         return -1;
     }
@@ -245,7 +257,7 @@ bool wait_process_gone(pid_t pid, int timeout_ms) {
         // Our own child would linger as a zombie; reap it if it is one.
         waitpid(pid, nullptr, WNOHANG);
         // An ended process whose parent has not reaped it yet still answers kill(pid, 0).
-        const char state = proc_stat(pid).state;
+        const char state = process_state(pid);
         if ((kill(pid, 0) < 0 && errno == ESRCH) || state == 'Z' || state == 'X') {
             return true;
         }
@@ -254,4 +266,4 @@ bool wait_process_gone(pid_t pid, int timeout_ms) {
     return false;
 }
 
-}  // namespace mediatools
+}  // namespace mediaclient
