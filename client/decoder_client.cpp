@@ -218,11 +218,19 @@ ClientError DecoderClient::write_init_video(uint32_t codec_index, const VideoIni
         refuse(internal::video_init_refusal(codec_index, p)) != ClientError::kOk) {
         return ClientError::kInvalidArgument;
     }
-    // param4, the configuration size, is written with the bytes.
-    const ClientError e = write_init(MEDIA_TYPE_VIDEO, codec_index,
-                                     {p.coded_width, p.coded_height, p.coded_pix_fmt, 0,
-                                      p.out_width, p.out_height, p.out_pix_fmt},
-                                     config, config_size);
+    ExchangeVideoInit request{};
+    request.request_type = REQUEST_INIT_CODEC;
+    request.media_type = MEDIA_TYPE_VIDEO;
+    request.codec_index = codec_index;
+    request.coded_width = p.coded_width;
+    request.coded_height = p.coded_height;
+    request.coded_pix_fmt = p.coded_pix_fmt;
+    request.out_width = p.out_width;
+    request.out_height = p.out_height;
+    request.out_pix_fmt = p.out_pix_fmt;
+    // The configuration size is written with the bytes.
+    ClientError e = write_config(config, config_size, &request.config_size);
+    e = e == ClientError::kOk ? write_header(&request, sizeof(request)) : e;
     if (e == ClientError::kOk) {
         video_output_ = VideoOutput{p.out_width, p.out_height, p.out_pix_fmt};
     }
@@ -235,10 +243,18 @@ ClientError DecoderClient::write_init_audio(uint32_t codec_index, const AudioIni
         refuse(internal::audio_init_refusal(codec_index, p)) != ClientError::kOk) {
         return ClientError::kInvalidArgument;
     }
-    const ClientError e = write_init(MEDIA_TYPE_AUDIO, codec_index,
-                                     {p.in_sample_fmt, p.in_channels, p.in_sample_rate, 0,
-                                      p.out_sample_fmt, p.out_channels, p.out_sample_rate},
-                                     config, config_size);
+    ExchangeAudioInit request{};
+    request.request_type = REQUEST_INIT_CODEC;
+    request.media_type = MEDIA_TYPE_AUDIO;
+    request.codec_index = codec_index;
+    request.in_sample_fmt = p.in_sample_fmt;
+    request.in_channels = p.in_channels;
+    request.in_sample_rate = p.in_sample_rate;
+    request.out_sample_fmt = p.out_sample_fmt;
+    request.out_channels = p.out_channels;
+    request.out_sample_rate = p.out_sample_rate;
+    ClientError e = write_config(config, config_size, &request.config_size);
+    e = e == ClientError::kOk ? write_header(&request, sizeof(request)) : e;
     if (e == ClientError::kOk) {
         audio_output_ = AudioOutput{p.out_sample_fmt, p.out_channels,
                                     effective_out_sample_rate(p.out_sample_rate)};

@@ -244,22 +244,51 @@ void MediaCodec::codec_config(const uint8_t* data, int32_t size) {
 // format it has (for audio, as last decoded) and no configuration bytes. The setup's own result
 // is not used: the result area ends up zero and the worker goes on serving. A state left without
 // a codec by an earlier failed setup has nothing to rebuild and is kept as it is.
-void MediaCodec::reset_context(int32_t a, int32_t b, int32_t c) {
+void MediaCodec::reset(const Setup& output) {
     LOGD("reset context");
+    Setup again;  // no configuration bytes
+    again.media_type = media_type_;
     if (media_type_ == MEDIA_TYPE_VIDEO && video_ctx_ && video_ctx_->sw_codec_ctx) {
-        const AVCodecID codec_id = video_ctx_->sw_codec_ctx->codec_id;
-        const int width = video_ctx_->width, height = video_ctx_->height;
-        const int pix_fmt = video_ctx_->pix_fmt;
+        const video_context_t& v = *video_ctx_;
+        again.codec_id = v.sw_codec_ctx->codec_id;
+        again.video = output.video;
+        again.video.coded_width = v.width;
+        again.video.coded_height = v.height;
+        again.video.coded_pix_fmt = v.pix_fmt;
         video_ctx_.reset();
-        init_video_codec_context(codec_id, width, height, pix_fmt, nullptr, 0, a, b, c);
+        init_video(again);
     } else if (media_type_ == MEDIA_TYPE_AUDIO && audio_ctx_ && audio_ctx_->codec_ctx) {
-        const AVCodecID codec_id = audio_ctx_->codec_ctx->codec_id;
-        const int sample_fmt = audio_ctx_->in_sample_fmt, channels = audio_ctx_->in_channels;
-        const int sample_rate = audio_ctx_->in_sample_rate;
+        const audio_context_t& a = *audio_ctx_;
+        again.codec_id = a.codec_ctx->codec_id;
+        again.audio = output.audio;
+        again.audio.in_sample_fmt = a.in_sample_fmt;
+        again.audio.in_channels = a.in_channels;
+        again.audio.in_sample_rate = a.in_sample_rate;
         audio_ctx_.reset();
-        init_audio_codec_context(codec_id, sample_fmt, channels, sample_rate, nullptr, 0, a, b, c);
+        init_audio(again);
     }
     clear_result();
+}
+
+bool MediaCodec::init(const Setup& setup) {
+    if (setup.media_type == MEDIA_TYPE_VIDEO) {
+        media_type_ = MEDIA_TYPE_VIDEO;
+        if (setup.codec_id == AV_CODEC_ID_NONE) {
+            LOGE("unknown video codec specified");
+            return false;
+        }
+        return init_video(setup);
+    }
+    if (setup.media_type == MEDIA_TYPE_AUDIO) {
+        media_type_ = MEDIA_TYPE_AUDIO;
+        if (setup.codec_id == AV_CODEC_ID_NONE) {
+            LOGE("unknown audio codec specified");
+            return false;
+        }
+        return init_audio(setup);
+    }
+    LOGW("unknown media type specified, initialization failed");
+    return false;
 }
 
 void MediaCodec::destroy_context() {

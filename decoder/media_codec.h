@@ -62,24 +62,50 @@ class MediaCodec {
     MediaCodec& operator=(const MediaCodec&) = delete;
     ~MediaCodec();
 
-    // The requests. A setup takes its configuration bytes from `config` (`config_size` bytes, as
-    // the client put them at the start of the input area) and answers false when it failed.
-    bool init_video_codec_context(AVCodecID codec_id, int width, int height, int pix_fmt,
-                                  const uint8_t* config, int config_size, int out_width,
-                                  int out_height, int out_pix_fmt);
-    bool init_audio_codec_context(AVCodecID codec_id, int in_sample_fmt, int in_channels,
-                                  int in_sample_rate, const uint8_t* config, int config_size,
-                                  int out_sample_fmt, int out_channels, int out_sample_rate);
+    // A setup's fields by the names a client's init gives them (the block's ExchangeVideoInit and
+    // ExchangeAudioInit); formats are FFmpeg's numbers. A reset reads only the out_* fields.
+    struct VideoSetup {
+        int32_t coded_width = 0;
+        int32_t coded_height = 0;
+        int32_t coded_pix_fmt = 0;
+        int32_t out_width = 0;
+        int32_t out_height = 0;
+        int32_t out_pix_fmt = 0;
+    };
+    struct AudioSetup {
+        int32_t in_sample_fmt = 0;
+        int32_t in_channels = 0;
+        int32_t in_sample_rate = 0;
+        int32_t out_sample_fmt = 0;
+        int32_t out_channels = 0;
+        int32_t out_sample_rate = 0;
+    };
+    // One setup, for an init and a reset alike.
+    struct Setup {
+        int32_t media_type = mediaclient::protocol::MEDIA_TYPE_NONE;
+        // AV_CODEC_ID_NONE: the client named a row beyond the codec table.
+        AVCodecID codec_id = AV_CODEC_ID_NONE;
+        // The configuration bytes, as the client put them at the start of the input area.
+        const uint8_t* config = nullptr;
+        int32_t config_size = 0;
+        VideoSetup video;  // read for MEDIA_TYPE_VIDEO
+        AudioSetup audio;  // read for MEDIA_TYPE_AUDIO
+    };
+
+    // The requests. An init takes the setup's media type before it looks at the codec, so that
+    // an unknown codec still changes it; false when it failed (an unknown codec or media type
+    // without an answer in the result area).
+    bool init(const Setup& setup);
     void decode_frame(const uint8_t* data, int32_t size, int64_t pts);
     void flush();
     void codec_config(const uint8_t* data, int32_t size);
-    // The new output: width, height and pixel format, or sample format, channels and rate.
-    void reset_context(int32_t a, int32_t b, int32_t c);
+    // Rebuilds the decoder of the media type in use with the output of `output` (its out_*
+    // fields of that media type).
+    void reset(const Setup& output);
     void destroy_context();
 
-    // The media type in use; an init request names it before its codec is looked up.
+    // The media type in use.
     int32_t media_type() const { return media_type_; }
-    void set_media_type(int32_t type) { media_type_ = type; }
     // What it decodes: "h264 sw", "h264 vaapi" (where the video decodes), "aac"; empty without a
     // decoder.
     std::string work() const;
@@ -126,6 +152,8 @@ class MediaCodec {
         ~audio_context_t();
     };
 
+    bool init_video(const Setup& setup);
+    bool init_audio(const Setup& setup);
     void decode_video_branch();
     int update_resampler(audio_context_t& state, const AVFrame* frm);
     // A setup's packet and frame, owned with the release lines of `media_type`; false, logged,

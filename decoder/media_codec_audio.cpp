@@ -63,11 +63,9 @@ MediaCodec::av_ptr<AVCodecContext> MediaCodec::open_audio_context(audio_context_
     return ctx;
 }
 
-bool MediaCodec::init_audio_codec_context(AVCodecID codec_id, int in_sample_fmt, int in_channels,
-                                          int in_sample_rate, const uint8_t* config,
-                                          int config_size, int out_sample_fmt, int out_channels,
-                                          int out_sample_rate) {
+bool MediaCodec::init_audio(const Setup& setup) {
     LOGD("init audio codec context");
+    const AudioSetup& a = setup.audio;
     DeferAction failure([this] { write_failure(); });
 
     {
@@ -79,22 +77,24 @@ bool MediaCodec::init_audio_codec_context(AVCodecID codec_id, int in_sample_fmt,
         return false;
     }
     audio_context_t& state = *audio_ctx_;
-    state.in_sample_rate = in_sample_rate;
-    state.in_channels = in_channels;
-    state.in_channel_layout = ffcompat::default_channel_layout(in_channels);
-    state.in_sample_fmt = in_sample_fmt;
-    state.out_sample_rate = effective_out_sample_rate(out_sample_rate);
-    state.out_channels = out_channels;
-    state.out_sample_fmt = out_sample_fmt;
-    state.out_channel_layout = ffcompat::default_channel_layout(out_channels);
+    state.in_sample_rate = a.in_sample_rate;
+    state.in_channels = a.in_channels;
+    state.in_channel_layout = ffcompat::default_channel_layout(a.in_channels);
+    state.in_sample_fmt = a.in_sample_fmt;
+    state.out_sample_rate = effective_out_sample_rate(a.out_sample_rate);
+    state.out_channels = a.out_channels;
+    state.out_sample_fmt = a.out_sample_fmt;
+    state.out_channel_layout = ffcompat::default_channel_layout(a.out_channels);
     state.setup_charge = MemoryCharge(&account_);
     state.resampler_charge = MemoryCharge(&account_);
-    if (!state.setup_charge.set(memory_estimates::kClientOverhead + std::max(config_size, 0),
-                                "decoder setup")) {
+    if (!state.setup_charge.set(
+            memory_estimates::kClientOverhead + std::max(setup.config_size, int32_t{0}),
+            "decoder setup")) {
         return false;
     }
 
-    av_ptr<AVCodecContext> ctx = open_audio_context(state, codec_id, config, config_size);
+    av_ptr<AVCodecContext> ctx =
+        open_audio_context(state, setup.codec_id, setup.config, setup.config_size);
     if (!ctx) {
         return false;
     }

@@ -28,10 +28,11 @@ const char* codec_detail::device_type_name(AVHWDeviceType type) {
     return name != nullptr ? name : "none";
 }
 
-bool MediaCodec::init_video_codec_context(AVCodecID codec_id, int width, int height, int pix_fmt,
-                                          const uint8_t* config, int config_size, int out_width,
-                                          int out_height, int out_pix_fmt) {
+bool MediaCodec::init_video(const Setup& setup) {
     LOGD("init video codec context");
+    const VideoSetup& v = setup.video;
+    const uint8_t* config = setup.config;
+    const int config_size = setup.config_size;
     DeferAction failure([this] { write_failure(); });
 
     // The earlier state goes first, so that its release is logged before the new objects.
@@ -44,16 +45,16 @@ bool MediaCodec::init_video_codec_context(AVCodecID codec_id, int width, int hei
         return false;
     }
     video_context_t& state = *video_ctx_;
-    state.width = width;
-    state.height = height;
-    state.pix_fmt = pix_fmt;
-    state.out_width = out_width;
-    state.out_height = out_height;
-    state.out_pix_fmt = effective_out_pix_fmt(out_pix_fmt);
-    if (!admit_video(state, codec_id, config_size)) {
+    state.width = v.coded_width;
+    state.height = v.coded_height;
+    state.pix_fmt = v.coded_pix_fmt;
+    state.out_width = v.out_width;
+    state.out_height = v.out_height;
+    state.out_pix_fmt = effective_out_pix_fmt(v.out_pix_fmt);
+    if (!admit_video(state, setup.codec_id, config_size)) {
         return false;
     }
-    const AVCodec* codec = avcodec_find_decoder(codec_id);
+    const AVCodec* codec = avcodec_find_decoder(setup.codec_id);
     if (codec == nullptr) {
         LOGE("video codec not found");
         return false;

@@ -115,19 +115,18 @@ bool MediaDecoder::dispatch(uint32_t request_type) {
         case REQUEST_INIT_CODEC:
             return init_codec();
         case REQUEST_RESET_CONTEXT:
-            codec->reset_context(read_request<int32_t>(REQ_RESET_PARAM_OFFSET),
-                                 read_request<int32_t>(REQ_RESET_PARAM_OFFSET + 4),
-                                 read_request<int32_t>(REQ_RESET_PARAM_OFFSET + 8));
+            reset_codec();
             break;
-        case REQUEST_DECODE_FRAME:
-            codec->decode_frame(input, read_request<int32_t>(REQ_DATA_SIZE_OFFSET),
-                                read_request<int64_t>(REQ_PTS_OFFSET));
+        case REQUEST_DECODE_FRAME: {
+            const auto r = read_request<ExchangeDataRequest>(0);
+            codec->decode_frame(input, r.data_size, r.pts);
             break;
+        }
         case REQUEST_FLUSH:
             codec->flush();
             break;
         case REQUEST_CODEC_CONFIG:
-            codec->codec_config(input, read_request<int32_t>(REQ_DATA_SIZE_OFFSET));
+            codec->codec_config(input, read_request<ExchangeDataRequest>(0).data_size);
             break;
         case REQUEST_DESTROY_CONTEXT:
             codec->destroy_context();
@@ -139,34 +138,51 @@ bool MediaDecoder::dispatch(uint32_t request_type) {
     return true;
 }
 
-// The media type is taken before the codec row is looked up, so an unknown row still changes it.
-// Everything that fails here ends the worker once the request is answered.
+// The setup by the names of the block's views; the codec takes the media type before it looks at
+// the codec row, so an unknown row still changes it. Everything that fails here ends the worker
+// once the request is answered.
 bool MediaDecoder::init_codec() {
-    ExchangeInitRequest r;
-    memcpy(&r, block + SHM_REQUEST_OFFSET, sizeof(r));
-    const uint8_t* config = block + SHM_INPUT_OFFSET;
-    const int32_t* p = r.param;  // param1..param7; param4 is the configuration size
-    bool ok = false;
-    if (static_cast<int32_t>(r.media_type) == MEDIA_TYPE_VIDEO) {
-        codec->set_media_type(MEDIA_TYPE_VIDEO);
-        if (r.codec_index >= static_cast<uint32_t>(VIDEO_CODEC_COUNT)) {
-            LOGE("unknown video codec specified");
-        } else {
-            ok = codec->init_video_codec_context(table_codec_id(MEDIA_TYPE_VIDEO, r.codec_index),
-                                                 p[0], p[1], p[2], config, p[3], p[4], p[5], p[6]);
-        }
-    } else if (static_cast<int32_t>(r.media_type) == MEDIA_TYPE_AUDIO) {
-        codec->set_media_type(MEDIA_TYPE_AUDIO);
-        if (r.codec_index >= static_cast<uint32_t>(AUDIO_CODEC_COUNT)) {
-            LOGE("unknown audio codec specified");
-        } else {
-            ok = codec->init_audio_codec_context(table_codec_id(MEDIA_TYPE_AUDIO, r.codec_index),
-                                                 p[0], p[1], p[2], config, p[3], p[4], p[5], p[6]);
-        }
-    } else {
-        LOGW("unknown media type specified, initialization failed");
+    MediaCodec::Setup setup;
+    setup.media_type = static_cast<int32_t>(read_request<uint32_t>(REQ_MEDIA_TYPE_OFFSET));
+    setup.config = block + SHM_INPUT_OFFSET;
+    if (setup.media_type == MEDIA_TYPE_VIDEO) {
+        const auto r = read_request<ExchangeVideoInit>(0);
+        setup.codec_id = table_codec_id(MEDIA_TYPE_VIDEO, r.codec_index);
+        setup.config_size = r.config_size;
+        MediaCodec::VideoSetup& v = setup.video;
+        v.coded_width = r.coded_width;
+        v.coded_height = r.coded_height;
+        v.coded_pix_fmt = r.coded_pix_fmt;
+        v.out_width = r.out_width;
+        v.out_height = r.out_height;
+        v.out_pix_fmt = r.out_pix_fmt;
+    } else if (setup.media_type == MEDIA_TYPE_AUDIO) {
+        const auto r = read_request<ExchangeAudioInit>(0);
+        setup.codec_id = table_codec_id(MEDIA_TYPE_AUDIO, r.codec_index);
+        setup.config_size = r.config_size;
+        MediaCodec::AudioSetup& a = setup.audio;
+        a.in_sample_fmt = r.in_sample_fmt;
+        a.in_channels = r.in_channels;
+        a.in_sample_rate = r.in_sample_rate;
+        a.out_sample_fmt = r.out_sample_fmt;
+        a.out_channels = r.out_channels;
+        a.out_sample_rate = r.out_sample_rate;
     }
-    return ok;
+    return codec->init(setup);
+}
+
+// A reset's new output, read as either media type's view: the codec takes the one in use.
+void MediaDecoder::reset_codec() {
+    const auto v = read_request<ExchangeVideoReset>(0);
+    const auto a = read_request<ExchangeAudioReset>(0);
+    MediaCodec::Setup output;
+    output.video.out_width = v.out_width;
+    output.video.out_height = v.out_height;
+    output.video.out_pix_fmt = v.out_pix_fmt;
+    output.audio.out_sample_fmt = a.out_sample_fmt;
+    output.audio.out_channels = a.out_channels;
+    output.audio.out_sample_rate = a.out_sample_rate;
+    codec->reset(output);
 }
 
 // Names the worker after its client and its work, for top, ps and /proc/PID/comm:

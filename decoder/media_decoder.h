@@ -59,6 +59,7 @@ class MediaDecoder {
   private:
     bool dispatch(uint32_t request_type);
     bool init_codec();
+    void reset_codec();
     bool check_block_lost();
     void name_worker();
     void clear_output_after(size_t used);

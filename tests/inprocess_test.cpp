@@ -74,10 +74,13 @@ class Trial : public ::testing::Test, public MediaCodec::HardwareSeam {
     void init(const Clip& s, MemoryBudget& budget = MemoryBudget::service()) {
         const auto& i = s.info;
         codec.reset(new MediaCodec({&result, output.data(), [](size_t) {}}, budget, this));
-        codec->set_media_type(MEDIA_TYPE_VIDEO);
-        ASSERT_TRUE(codec->init_video_codec_context(
-            AVCodecID(i.codec_id), i.width, i.height, i.pix_fmt, i.extradata.data(),
-            int(i.extradata.size()), i.width, i.height, AV_PIX_FMT_YUV420P));
+        MediaCodec::Setup setup;
+        setup.media_type = MEDIA_TYPE_VIDEO;
+        setup.codec_id = AVCodecID(i.codec_id);
+        setup.config = i.extradata.data();
+        setup.config_size = int32_t(i.extradata.size());
+        setup.video = {i.width, i.height, i.pix_fmt, i.width, i.height, AV_PIX_FMT_YUV420P};
+        ASSERT_TRUE(codec->init(setup));
         calls.clear();
     }
     void decode(const mediatools::Packet& p) {

@@ -82,21 +82,43 @@ void InProcessDecoder::clear_after(size_t used) {
     written_ = used;
 }
 
+namespace {
+
+MediaCodec::Setup setup_of(int32_t media_type, int codec_id, const std::vector<uint8_t>& config) {
+    MediaCodec::Setup setup;
+    setup.media_type = media_type;
+    setup.codec_id = static_cast<AVCodecID>(codec_id);
+    setup.config = config.data();
+    setup.config_size = static_cast<int32_t>(config.size());
+    return setup;
+}
+
+}  // namespace
+
 bool InProcessDecoder::init_video(int codec_id, const mediaclient::VideoInitParams& p,
                                   const std::vector<uint8_t>& config) {
-    codec_->set_media_type(MEDIA_TYPE_VIDEO);
-    return codec_->init_video_codec_context(
-        static_cast<AVCodecID>(codec_id), p.coded_width, p.coded_height, p.coded_pix_fmt,
-        config.data(), static_cast<int>(config.size()), p.out_width, p.out_height, p.out_pix_fmt);
+    MediaCodec::Setup setup = setup_of(MEDIA_TYPE_VIDEO, codec_id, config);
+    MediaCodec::VideoSetup& v = setup.video;
+    v.coded_width = p.coded_width;
+    v.coded_height = p.coded_height;
+    v.coded_pix_fmt = p.coded_pix_fmt;
+    v.out_width = p.out_width;
+    v.out_height = p.out_height;
+    v.out_pix_fmt = p.out_pix_fmt;
+    return codec_->init(setup);
 }
 
 bool InProcessDecoder::init_audio(int codec_id, const mediaclient::AudioInitParams& p,
                                   const std::vector<uint8_t>& config) {
-    codec_->set_media_type(MEDIA_TYPE_AUDIO);
-    return codec_->init_audio_codec_context(static_cast<AVCodecID>(codec_id), p.in_sample_fmt,
-                                            p.in_channels, p.in_sample_rate, config.data(),
-                                            static_cast<int>(config.size()), p.out_sample_fmt,
-                                            p.out_channels, p.out_sample_rate);
+    MediaCodec::Setup setup = setup_of(MEDIA_TYPE_AUDIO, codec_id, config);
+    MediaCodec::AudioSetup& a = setup.audio;
+    a.in_sample_fmt = p.in_sample_fmt;
+    a.in_channels = p.in_channels;
+    a.in_sample_rate = p.in_sample_rate;
+    a.out_sample_fmt = p.out_sample_fmt;
+    a.out_channels = p.out_channels;
+    a.out_sample_rate = p.out_sample_rate;
+    return codec_->init(setup);
 }
 
 Answer InProcessDecoder::decode(const uint8_t* data, int size, int64_t pts) {
@@ -108,11 +130,6 @@ Answer InProcessDecoder::decode(const uint8_t* data, int size, int64_t pts) {
         written_ = SHM_AREA_SIZE;
     }
     return answer;
-}
-
-bool InProcessDecoder::reset(int a, int b, int c) {
-    codec_->reset_context(a, b, c);
-    return !codec_->work().empty();
 }
 
 void InProcessDecoder::flush() {

@@ -56,9 +56,6 @@ class InProcessDecoder {
     Answer decode(const Packet& p) {
         return decode(p.data.data(), static_cast<int>(p.data.size()), p.pts_us);
     }
-    // A reset context request (width, height, pixel format; or sample format, channels, rate);
-    // false when the decoder holds no codec afterwards.
-    bool reset(int a, int b, int c);
     void flush();
     // The output area, SHM_AREA_SIZE bytes: what a decode answered lies at its start.
     const uint8_t* output() const { return area_; }
