@@ -158,4 +158,41 @@ TEST_F(Tools, ErrorsAreOneLineAndNonZero) {
     }
 }
 
+std::string command_output(const std::string& command) {
+    std::string out;
+    FILE* pipe = popen(command.c_str(), "r");
+    char buffer[4096];
+    for (size_t n; pipe != nullptr && (n = fread(buffer, 1, sizeof(buffer), pipe)) > 0;) {
+        out.append(buffer, n);
+    }
+    if (pipe != nullptr) {
+        pclose(pipe);
+    }
+    return out;
+}
+
+// media-probe, confined as a worker opening its devices, reports each device that opens with its
+// driver in the driver's words, as text and as JSON: the virtual VDPAU stack's here.
+TEST(Probe, ReportsTheDriverOfWhatAConfinedWorkerOpens) {
+    if (!have_virtual_vdpau()) {
+        ASSERT_EQ(getenv("SVC_REQUIRE_VDPAU"), nullptr) << "no Xvfb or VDPAU va_gl driver";
+        GTEST_SKIP() << "no Xvfb or VDPAU va_gl driver";
+    }
+    VirtualDisplay display;
+    ASSERT_FALSE(display.name().empty()) << "Xvfb did not start";
+    const std::string probe =
+        "DISPLAY=" + display.name() + " VDPAU_DRIVER=va_gl timeout 60 " MEDIA_PROBE_BIN;
+    const std::string driver = "OpenGL/VAAPI backend for VDPAU, VDPAU API 1";
+    const std::string text = command_output(probe + " 2>/dev/null");
+    EXPECT_EQ(text.rfind("probed as a confined decoder worker opens its devices\n", 0), 0u) << text;
+    EXPECT_NE(text.find("\n  vdpau  opens (default device): " + driver + "\n"), std::string::npos)
+        << text;
+    const std::string json = command_output(probe + " --json 2>/dev/null");
+    EXPECT_EQ(json.rfind("{\n  \"confined\": true,\n", 0), 0u) << json;
+    EXPECT_NE(json.find("{\"type\": \"vdpau\", \"known\": true, \"opens\": true, \"driver\": \"" +
+                        driver + "\", \"error\": \"\"}"),
+              std::string::npos)
+        << json;
+}
+
 }  // namespace
