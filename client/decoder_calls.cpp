@@ -32,8 +32,16 @@ ClientError DecoderClient::call(int timeout_ms) {
 
 ClientError DecoderClient::ring_for(const char* request, size_t bytes) {
     const std::string doing = std::string("ring the doorbell for ") + request;
+    error_text_.clear();
     if (!fd_) {
         return fail(ClientError::kNotConnected, doing);
+    }
+    // The service answers nothing more on this connection: waiting would only cost the timeout.
+    if (decoder_ended_ && check_requests_) {
+        error_text_ = std::string(request) +
+                      ": the service ended this connection's decoder when its init failed "
+                      "(close() and connect again)";
+        return ClientError::kDisconnected;
     }
     if (bytes == 0) {
         // An empty record reads as end of file on the service side.
@@ -62,11 +70,8 @@ ClientError DecoderClient::wait_for(const char* request, int timeout_ms) {
     }
     ClientError ready = wait_readable(fd_.get(), timeout_ms);
     if (ready == ClientError::kTimeout) {
-        error_text_ = std::string(request) + ": no answer within " + std::to_string(timeout_ms) +
-                      " ms" +
-                      (decoder_ended_ ? " (the service ended this connection's decoder when its "
-                                        "init failed: connect again)"
-                                      : "");
+        error_text_ =
+            std::string(request) + ": no answer within " + std::to_string(timeout_ms) + " ms";
         return ready;
     }
     if (ready != ClientError::kOk) {
@@ -80,7 +85,35 @@ ClientError DecoderClient::wait_for(const char* request, int timeout_ms) {
         return fail(is_disconnect_errno(errno_) ? ClientError::kDisconnected : ClientError::kSystem,
                     doing);
     }
-    return n == 0 ? fail(ClientError::kDisconnected, doing) : ClientError::kOk;
+    if (n == 0) {
+        return fail(ClientError::kDisconnected, doing);
+    }
+    note_answer();
+    return ClientError::kOk;
+}
+
+// What an answered request did to the connection's decoder, read from the block as the request
+// and its answer left it (also for requests written step by step).
+void DecoderClient::note_answer() {
+    uint32_t request_type = 0;
+    memcpy(&request_type, block_ + SHM_REQUEST_OFFSET + REQ_TYPE_OFFSET, sizeof(request_type));
+    if (request_type == REQUEST_INIT_CODEC) {
+        const int32_t status = result().status;
+        has_decoder_ = status == STATUS_OK;
+        decoder_ended_ = status == STATUS_FAILED;
+    } else if (request_type == REQUEST_DESTROY_CONTEXT) {
+        has_decoder_ = false;
+    }
+}
+
+// Requests that only an open decoder can answer; without one the service answers all zero, which
+// reads as "no output yet".
+ClientError DecoderClient::need_decoder(ClientError written, const char* request) {
+    if (written != ClientError::kOk || has_decoder_ || !check_requests_) {
+        return written;
+    }
+    return refuse(std::string(request) +
+                  ": no decoder on this connection (init_video() or init_audio() first)");
 }
 
 ClientError DecoderClient::finish(ClientError written, const char* request, ExchangeResult* result,
@@ -90,9 +123,6 @@ ClientError DecoderClient::finish(ClientError written, const char* request, Exch
     }
     ClientError done = ring_for(request, 1);
     done = done == ClientError::kOk ? wait_for(request, timeout_ms) : done;
-    if (done == ClientError::kOk && request == kInit) {
-        decoder_ended_ = this->result().status == STATUS_FAILED;
-    }
     if (done == ClientError::kOk && result != nullptr) {
         *result = this->result();
     }
@@ -129,7 +159,9 @@ ClientError DecoderClient::init_audio(uint32_t codec_index, const AudioInitParam
 
 ClientError DecoderClient::decode_frame(const void* data, size_t size, int64_t pts,
                                         ExchangeResult* result, int timeout_ms) {
-    return finish(write_decode_frame(data, size, pts), "decode frame", result, timeout_ms);
+    const char* request = "decode frame";
+    return finish(need_decoder(write_decode_frame(data, size, pts), request), request, result,
+                  timeout_ms);
 }
 
 ClientError DecoderClient::flush(int timeout_ms) {
@@ -137,19 +169,22 @@ ClientError DecoderClient::flush(int timeout_ms) {
 }
 
 ClientError DecoderClient::codec_config(const void* data, size_t size, int timeout_ms) {
-    return finish(write_codec_config(data, size), "codec config", nullptr, timeout_ms);
+    const char* request = "codec config";
+    return finish(need_decoder(write_codec_config(data, size), request), request, nullptr,
+                  timeout_ms);
 }
 
 ClientError DecoderClient::reset_video(int32_t out_width, int32_t out_height,
                                        PixelFormat out_pix_fmt, int timeout_ms) {
-    return finish(write_reset_video(out_width, out_height, out_pix_fmt), "reset", nullptr,
-                  timeout_ms);
+    return finish(need_decoder(write_reset_video(out_width, out_height, out_pix_fmt), "reset"),
+                  "reset", nullptr, timeout_ms);
 }
 
 ClientError DecoderClient::reset_audio(SampleFormat out_sample_fmt, int32_t out_channels,
                                        int32_t out_sample_rate, int timeout_ms) {
-    return finish(write_reset_audio(out_sample_fmt, out_channels, out_sample_rate), "reset",
-                  nullptr, timeout_ms);
+    return finish(
+        need_decoder(write_reset_audio(out_sample_fmt, out_channels, out_sample_rate), "reset"),
+        "reset", nullptr, timeout_ms);
 }
 
 ClientError DecoderClient::destroy(int timeout_ms) {

@@ -44,6 +44,8 @@ void DecoderClient::close() {
     }
     shm_name_.clear();
     decoder_ended_ = false;
+    has_decoder_ = false;
+    error_text_.clear();
     video_output_ = VideoOutput{};
     audio_output_ = AudioOutput{};
 }
@@ -170,6 +172,7 @@ void DecoderClient::set_result(const ExchangeResult& result) {
 }
 
 ClientError DecoderClient::need_block() {
+    error_text_.clear();
     if (block_ == nullptr) {
         return fail(ClientError::kNotConnected,
                     "write a request: no block (connect_posix() or connect_descriptor() first)");

@@ -42,9 +42,10 @@
 //   pts of the packet it was coded in (FFmpeg's best-effort timestamp, in presentation order).
 //   Audio answers the request's pts plus the duration of the delivered samples in microseconds,
 //   so pts are microseconds there; use microseconds for video too.
-// - Failures. An init answered STATUS_FAILED ends the connection's decoder instance: later
-//   requests get no answer (kTimeout); close() and connect again. A decode that fails (an
-//   undecodable packet) fails that packet alone.
+// - Failures. An init answered STATUS_FAILED ends the connection's decoder instance: the
+//   service answers nothing more on that connection, so later requests fail at once with
+//   kDisconnected; close() and connect again. A decode that fails (an undecodable packet) fails
+//   that packet alone.
 // - Sessions. A decoder client needs no session client. The session client stands for the
 //   container session: the service ends itself when that client goes away, and its systemd user
 //   unit starts a fresh one. Keeping the service alive is the session's business, not a decoder's.
@@ -204,7 +205,8 @@ class SessionClient {
     SessionClient& operator=(const SessionClient&) = delete;
     virtual ~SessionClient();  // stops the answering thread, closes the connection
 
-    // Connects and registers as the session client for process `pid` (own pid when 0).
+    // Connects and registers as the session client for process `pid` (own pid when 0). The
+    // service answers nothing; a refusal (it has a session client already) closes the connection.
     ClientError connect(const std::string& socket_path = "", pid_t pid = 0);
 
     // Sends one response without waiting for a ping.
@@ -214,7 +216,8 @@ class SessionClient {
     ClientError answer_ping(int timeout_ms, bool answer = true);
 
     // Answers at once and then every ping on a background thread until stop_answering(), the
-    // destructor, or the end of the connection. Do not call answer_ping() meanwhile.
+    // destructor, or the end of the connection. Do not call answer_ping() meanwhile. Waits 100 ms
+    // for a refusal of the registration: then kDisconnected.
     ClientError start_answering();
     void stop_answering();
 
@@ -228,8 +231,9 @@ class SessionClient {
     int later_ping_fd_count() const { return later_ping_fd_count_.load(); }
     // The errno of the last system call that failed (also one of the answering thread).
     int last_errno() const { return errno_; }
-    // What the last call that failed was doing and why; empty before any failure.
-    const std::string& last_error_text() const { return error_text_; }
+    // What the last call was doing and why it failed; empty when it succeeded, unless the
+    // service has closed the connection since (then that).
+    const std::string& last_error_text() const;
     // The connection's socket, -1 without one.
     int fd() const { return fd_.get(); }
     // Stops answering and disconnects: the service then stops itself.
@@ -285,8 +289,8 @@ class DecoderClient {
     const std::string& shm_name() const { return shm_name_; }
     // The errno of the last system call that failed.
     int last_errno() const { return errno_; }
-    // What the last call that failed was doing and why ("connect to PATH: Connection refused (is
-    // the service running?)", "out_width 0: ..."); empty before any failure.
+    // What the last call was doing and why it failed ("connect to PATH: Connection refused (is
+    // the service running?)", "out_width 0: ..."); empty when it succeeded.
     const std::string& last_error_text() const { return error_text_; }
     // Disconnects (the service then releases the decoder), unmaps the block and unlinks the
     // object connect_posix() made. The object can connect again.
@@ -335,8 +339,9 @@ class DecoderClient {
     // Decodes one packet of `size` bytes (1 to 16 MiB): one whole access unit (see the top of
     // this header); `data` null: the first `size` bytes of input() already hold it. Answers
     // STATUS_OK with output_size bytes in output() and their output_pts; STATUS_NEED_MORE_DATA
-    // (no output yet); STATUS_FAILED (this packet failed; the decoder goes on); or, without a
-    // decoder, all zero.
+    // (no output yet); STATUS_FAILED (this packet failed; the decoder goes on). Without a decoder
+    // (no init yet, or destroy() since) it is refused with kInvalidArgument, as codec_config() and
+    // the resets are.
     ClientError decode_frame(const void* data, size_t size, int64_t pts,
                              ExchangeResult* result = nullptr, int timeout_ms = kDefaultTimeoutMs);
     // Drops every packet and picture the decoder holds, for a seek: the next packet must start
@@ -393,6 +398,8 @@ class DecoderClient {
     ClientError wait_for(const char* request, int timeout_ms);
     ClientError finish(ClientError written, const char* request, ExchangeResult* result,
                        int timeout_ms);
+    void note_answer();
+    ClientError need_decoder(ClientError written, const char* request);
 
     UniqueFd fd_;
     UniqueFd shm_fd_;
@@ -401,6 +408,7 @@ class DecoderClient {
     bool own_shm_name_ = false;
     bool check_requests_ = true;
     bool decoder_ended_ = false;  // the last init answered STATUS_FAILED
+    bool has_decoder_ = false;    // the last init answered STATUS_OK, and no destroy since
     int errno_ = 0;
     std::string error_text_;
     // The output that the last init or reset written asks for.

@@ -19,6 +19,13 @@ using internal::kMaxPassedFds;
 using internal::kSignalBufferSize;
 using internal::send_retry;
 
+namespace {
+
+// How long a registration waits to see whether the service refuses it.
+constexpr int kRefusalWaitMs = 100;
+
+}  // namespace
+
 SessionClient::~SessionClient() {
     close();
 }
@@ -30,6 +37,7 @@ void SessionClient::close() {
 
 ClientError SessionClient::connect(const std::string& socket_path, pid_t pid) {
     close();
+    error_text_.clear();
     disconnected_ = false;
     pings_ = 0;
     first_ping_fd_count_ = -1;
@@ -58,7 +66,16 @@ ClientError SessionClient::connect(const std::string& socket_path, pid_t pid) {
     return ClientError::kOk;
 }
 
+const std::string& SessionClient::last_error_text() const {
+    // The answering thread sees the end of the connection but may not write the text.
+    static const std::string kClosed =
+        "the service closed the session connection (it ends a session that has not answered "
+        "for 8 seconds)";
+    return error_text_.empty() && disconnected_.load() ? kClosed : error_text_;
+}
+
 ClientError SessionClient::respond() {
+    error_text_.clear();
     const ClientError sent = send_response();
     return sent == ClientError::kOk ? sent : fail(sent, "answer a ping");
 }
@@ -131,6 +148,7 @@ ClientError SessionClient::read_ping(bool answer) {
 
 ClientError SessionClient::answer_ping(int timeout_ms, bool answer) {
     const std::string doing = "wait " + std::to_string(timeout_ms) + " ms for a ping";
+    error_text_.clear();
     if (!fd_) {
         return fail(ClientError::kNotConnected, doing);
     }
@@ -153,6 +171,17 @@ ClientError SessionClient::start_answering() {
     ClientError first = respond();
     if (first != ClientError::kOk) {
         return first;
+    }
+    // The service answers a registration with nothing, but closes a refused one at once; a
+    // registered session hears its first ping only 2 seconds later.
+    if (wait_closed(fd_.get(), kRefusalWaitMs)) {
+        fd_.reset();
+        disconnected_ = true;
+        error_text_ =
+            "start answering pings: the service has closed the connection: it refused the "
+            "registration (a service serves one session client and has one already; its log says "
+            "why)";
+        return ClientError::kDisconnected;
     }
     int stop[2];
     if (::pipe2(stop, O_CLOEXEC) < 0) {

@@ -307,6 +307,14 @@ TEST_F(Requests, WithoutDecoder) {
         }
         EXPECT_TRUE(same(call(c.write_reset_audio(1, 2, 44100)), ExchangeResult{}));
     };
+    // Checked, the library refuses what only a decoder answers; a success clears its text.
+    c.check_requests(true);
+    EXPECT_EQ(c.decode_frame("x", 1, 0), ClientError::kInvalidArgument);
+    EXPECT_EQ(c.last_error_text(),
+              "decode frame: no decoder on this connection (init_video() or init_audio() first)");
+    EXPECT_EQ(c.flush(kWaitMs), ClientError::kOk);
+    EXPECT_EQ(c.last_error_text(), "");
+    c.check_requests(false);
     answers_without_decoder({16, 0, -1});
     ASSERT_TRUE(init(mp2()));
     ASSERT_EQ(c.destroy(kWaitMs), ClientError::kOk);
@@ -505,9 +513,12 @@ TEST_F(Requests, EveryCodecRowIsFFmpegsCodec) {
             EXPECT_EQ(r.status, refused.count(names[row]) ? STATUS_FAILED : STATUS_OK);
             if (refused.count(names[row])) {  // the failed init ended the worker
                 EXPECT_EQ(c.flush(300), ClientError::kTimeout);
+                c.check_requests(true);  // the library knows, and says so without waiting
+                EXPECT_EQ(c.flush(kWaitMs), ClientError::kDisconnected);
                 EXPECT_EQ(c.last_error_text(),
-                          "flush: no answer within 300 ms (the service ended this connection's "
-                          "decoder when its init failed: connect again)");
+                          "flush: the service ended this connection's decoder when its init "
+                          "failed (close() and connect again)");
+                c.check_requests(false);
                 reconnect();
             }
         }

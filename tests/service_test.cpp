@@ -151,7 +151,14 @@ TEST_P(Stop, EndsInOrderWithStatusZero) {
             ASSERT_EQ(session.respond(), ClientError::kOk);
             UniqueFd null_fd(open("/dev/null", O_RDONLY | O_CLOEXEC));
             EXPECT_TRUE(refused(daemon, CLIENT_TYPE_SESSION, {null_fd.get()}));
-            EXPECT_TRUE(daemon.wait_log("client already registered"));
+            SessionClient second;
+            EXPECT_EQ(second.connect(daemon.socket_path()), ClientError::kOk);
+            EXPECT_EQ(second.start_answering(), ClientError::kDisconnected);
+            EXPECT_EQ(second.last_error_text(),
+                      "start answering pings: the service has closed the connection: it refused "
+                      "the registration (a service serves one session client and has one already; "
+                      "its log says why)");
+            EXPECT_TRUE(daemon.wait_log("client already registered", 2));
             EXPECT_TRUE(log_has(daemon.log(), "WARN", "client already registered"));
         }
         while (session.answer_ping(kLongWaitMs, false) == ClientError::kOk) {
