@@ -13,8 +13,9 @@
 
 #include "decoder/exchange_block.h"
 #include "tools/proc_stat.h"
-#include "tools/service_link.h"
+#include "client/service_link.h"
 
+using namespace mediaclient;
 using namespace mediatools;
 
 namespace mediabench {

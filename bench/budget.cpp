@@ -21,8 +21,9 @@ extern "C" {
 #include "bench/bench.h"
 #include "bench/sections.h"
 #include "tools/proc_stat.h"
-#include "tools/service_link.h"
+#include "client/service_link.h"
 
+using namespace mediaclient;
 using namespace mediatools;
 
 namespace mediabench {

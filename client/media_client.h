@@ -17,6 +17,13 @@
 //       client.decode_frame(data, size, pts_us, &r);  // r.output_size > 0: a picture of
 //                                                     // client.video_output() at client.output()
 //
+// The service runs as the user's systemd unit. A program that may find none running (a tool, a
+// test, a launcher) takes a ServiceLease first, which finds the service or starts one that it
+// shares with other such programs (see ServiceLease below):
+//
+//   mc::ServiceLease lease;
+//   if (lease.acquire() != mc::ClientError::kOk) return fail(lease.last_error_text());
+//
 // Every call returns a ClientError. kOk means the service answered; its answer is the
 // ExchangeResult, whose status says whether the request itself succeeded. Any other value means
 // no answer came (or the library refused the request), and last_error_text() says what was being
@@ -49,6 +56,17 @@
 // - Sessions. A decoder client needs no session client. The session client stands for the
 //   container session: the service ends itself when that client goes away, and its systemd user
 //   unit starts a fresh one. Keeping the service alive is the session's business, not a decoder's.
+
+// The library's version. The major number is its soname's (a client built against another must be
+// rebuilt); a minor number adds to the interface (2.1: ServiceLease, the version macros).
+#define MEDIACLIENT_VERSION_MAJOR 2
+#define MEDIACLIENT_VERSION_MINOR 1
+#define MEDIACLIENT_VERSION_PATCH 0
+// One number to compare with: MEDIACLIENT_VERSION >= MEDIACLIENT_VERSION_OF(2, 1, 0).
+#define MEDIACLIENT_VERSION_OF(major, minor, patch) ((major)*10000 + (minor)*100 + (patch))
+#define MEDIACLIENT_VERSION                                                      \
+    MEDIACLIENT_VERSION_OF(MEDIACLIENT_VERSION_MAJOR, MEDIACLIENT_VERSION_MINOR, \
+                           MEDIACLIENT_VERSION_PATCH)
 
 #include <sys/types.h>
 
@@ -414,6 +432,50 @@ class DecoderClient {
     // The output that the last init or reset written asks for.
     VideoOutput video_output_;
     AudioOutput audio_output_;
+};
+
+// ---- Finding or starting the service ----
+
+// A lease on the service at a socket: the service listening there, or one started for the
+// program's runs, which share it. A service that a lease did not start (the user unit's, another
+// program's) is used and never stopped. One that a lease started runs with a session keeper: a
+// small process of its own that is the service's session client until the last lease on it is
+// gone, and then ends the session, which stops the service. Programs that start together start
+// one service. The lease is given up when the object goes, or however the process ends.
+class ServiceLease {
+  public:
+    enum class Start {
+        kShared,       // start the service when none listens, and stop it with the last lease
+        kKeepRunning,  // start it when none listens, without a keeper: it runs until SIGTERM
+        kNever,        // only use a service that listens
+    };
+
+    ServiceLease() = default;
+    ServiceLease(const ServiceLease&) = delete;
+    ServiceLease& operator=(const ServiceLease&) = delete;
+    ~ServiceLease();
+
+    // Takes a lease on the service at `socket_path` (default_socket_path() when empty); may be
+    // called again after the service went away. Starting runs the media-service program next to
+    // this program, else the first in PATH, and waits up to 5 s for its socket; the service
+    // listens only on <runtime dir>/vessa/sockets/media-service.socket, and the folders are
+    // made. It forks the keeper: call it before the program starts threads of its own. kOk;
+    // kNotConnected when nothing listens and `start` is kNever; kSystem when the service could
+    // not be started (last_error_text() says why).
+    ClientError acquire(const std::string& socket_path = "", Start start = Start::kShared);
+    // Whether this lease started the service it holds.
+    bool started() const { return started_; }
+    // Why the last acquire() failed; empty when it succeeded.
+    const std::string& last_error_text() const { return error_text_; }
+
+  private:
+    ClientError find_or_start(const std::string& socket_path, const std::string& lock_path,
+                              Start start);
+    ClientError fail(ClientError error, const std::string& text);
+
+    UniqueFd lock_;
+    bool started_ = false;
+    std::string error_text_;
 };
 
 }  // namespace mediaclient

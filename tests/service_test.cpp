@@ -23,7 +23,7 @@
 
 #include "base/unique_fd.h"
 #include "support/support.h"
-#include "tools/service_link.h"
+#include "client/service_link.h"
 
 using namespace mediaclient;
 
@@ -64,7 +64,7 @@ TEST(Listen, LongPathsAreCut) {
             EXPECT_NE(access(path.c_str(), F_OK), 0) << "the cut path's stale file stays";
         } else {  // bound to the first 107 bytes: created under the umask there, never chmod'ed
             EXPECT_EQ(socket_mode(path.substr(0, 107)), 0755u);
-            EXPECT_EQ(mediatools::listener_pid(path.substr(0, 107)), daemon.pid());
+            EXPECT_EQ(mediaclient::listener_pid(path.substr(0, 107)), daemon.pid());
         }
     }
 }
@@ -90,7 +90,7 @@ TEST(Listen, RunUserDirAndMissingSocketDir) {
         Daemon daemon;
         daemon.options().env["XDG_RUNTIME_DIR"] = "";
         ASSERT_TRUE(daemon.start());
-        EXPECT_EQ(mediatools::listener_pid(user_dir + SOCKET_PATH_IN_RUNTIME_DIR), daemon.pid());
+        EXPECT_EQ(mediaclient::listener_pid(user_dir + SOCKET_PATH_IN_RUNTIME_DIR), daemon.pid());
     }
     EXPECT_TRUE(remove_tree(user_dir + "/vessa"));
 }

@@ -17,7 +17,7 @@
 
 #include "decoder/exchange_block.h"
 #include "support/support.h"
-#include "tools/service_link.h"
+#include "client/service_link.h"
 
 namespace {
 
@@ -163,17 +163,17 @@ TEST_F(Tools, RunsShareOneServiceAndLeaveNoneBehind) {
     const std::string pictures = out;
     int a_out = -1, c_out = -1;
     const pid_t a = start(socket + "-o - -q " + video.path, &a_out);
-    ASSERT_TRUE(wait_until(10000, [&] { return mediatools::listener_pid(path) > 0; }));
-    const pid_t service = mediatools::listener_pid(path);
+    ASSERT_TRUE(wait_until(10000, [&] { return mediaclient::listener_pid(path) > 0; }));
+    const pid_t service = mediaclient::listener_pid(path);
     ASSERT_EQ(run(socket + "-o - -q " + video.path), 0) << err;
     EXPECT_EQ(out, pictures);
     const pid_t c = start(socket + "-o - -q " + video.path, &c_out);
     pollfd written{c_out, POLLIN, 0};
     ASSERT_EQ(poll(&written, 1, 10000), 1) << "C's run has no service";
     EXPECT_EQ(finish(a, a_out), pictures);
-    EXPECT_EQ(mediatools::listener_pid(path), service);
+    EXPECT_EQ(mediaclient::listener_pid(path), service);
     EXPECT_EQ(finish(c, c_out), pictures);
-    EXPECT_TRUE(wait_until(10000, [&] { return mediatools::listener_pid(path) < 0; }));
+    EXPECT_TRUE(wait_until(10000, [&] { return mediaclient::listener_pid(path) < 0; }));
 
     std::vector<std::pair<pid_t, int>> runs(4);
     for (auto& [pid, fd] : runs) {
@@ -182,7 +182,7 @@ TEST_F(Tools, RunsShareOneServiceAndLeaveNoneBehind) {
     for (auto [pid, fd] : runs) {
         EXPECT_EQ(finish(pid, fd), pictures);
     }
-    EXPECT_TRUE(wait_until(10000, [&] { return mediatools::listener_pid(path) < 0; }));
+    EXPECT_TRUE(wait_until(10000, [&] { return mediaclient::listener_pid(path) < 0; }));
 
     Daemon daemon;
     ASSERT_TRUE(daemon.start());

@@ -26,8 +26,6 @@ extern "C" {
 #include "tools/hw_probe.h"
 #include "tools/in_process.h"
 #include "tools/media_file.h"
-#include "tools/service_lease.h"
-#include "tools/service_link.h"
 
 using namespace mediatools;
 
@@ -63,7 +61,7 @@ struct Setup {
 
 struct Service {
     std::string socket_path;
-    ServiceLease lease;
+    mediaclient::ServiceLease lease;
     mediaclient::DecoderClient client;
 };
 
@@ -118,9 +116,12 @@ Setup output_format(const DecodeOptions& opt, const StreamInfo& info) {
 // Takes a lease on the service, starting it when nothing listens on the socket, then registers
 // a decoder client.
 void connect_service(const DecodeOptions& opt, Service* s) {
-    std::string error;
-    if (!s->lease.acquire(s->socket_path, !opt.no_start, opt.no_session, &error)) {
-        fail(kExitError, "%s", error.c_str());
+    using Start = mediaclient::ServiceLease::Start;
+    const Start start = opt.no_start     ? Start::kNever
+                        : opt.no_session ? Start::kKeepRunning
+                                         : Start::kShared;
+    if (s->lease.acquire(s->socket_path, start) != mediaclient::ClientError::kOk) {
+        fail(kExitError, "%s", s->lease.last_error_text().c_str());
     }
     const mediaclient::ClientError e = s->client.connect_posix(s->socket_path);
     if (e != mediaclient::ClientError::kOk) {

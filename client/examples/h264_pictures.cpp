@@ -42,6 +42,12 @@ int main(int argc, char** argv) {
     params.out_width = par->width;
     params.out_height = par->height;
     params.out_pix_fmt = "yuv420p";
+    // The service that runs, or one started for this program (and stopped after it).
+    mc::ServiceLease lease;
+    if (lease.acquire() != mc::ClientError::kOk) {
+        fprintf(stderr, "%s\n", lease.last_error_text().c_str());
+        return 1;
+    }
     mc::DecoderClient client;
     mc::ExchangeResult result{};
     // The configuration bytes (avcC from MP4; none in an Annex B stream) go with the init.

@@ -21,7 +21,7 @@
 #include <gtest/gtest.h>
 
 #include "decoder/exchange_block.h"
-#include "tools/service_link.h"
+#include "client/service_link.h"
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -193,7 +193,7 @@ bool Daemon::start() {
     // Without its log (a long soak) the daemon is up once it answers on its socket.
     const bool up = options_.log ? wait_log("starting media service...", 1, kStartTimeoutMs)
                                  : wait_until(kStartTimeoutMs, [this] {
-                                       return mediatools::listener_pid(socket_path()) == pid_;
+                                       return mediaclient::listener_pid(socket_path()) == pid_;
                                    });
     return up && running();
 }

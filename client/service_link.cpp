@@ -1,4 +1,4 @@
-#include "tools/service_link.h"
+#include "client/service_link.h"
 
 #include <fcntl.h>
 #include <limits.h>
@@ -19,12 +19,12 @@
 #include "base/eintr.h"
 #include "base/unique_fd.h"
 #include "client/media_client.h"
-#include "decoder/exchange_block.h"
-#include "tools/proc_stat.h"
 
 extern char** environ;
 
-namespace mediatools {
+namespace mediaclient {
+
+using protocol::SOCKET_PATH_IN_RUNTIME_DIR;
 
 namespace {
 
@@ -40,12 +40,38 @@ void sleep_ms(int ms) {
     retry_on_eintr([&] { return nanosleep(&ts, &ts); });
 }
 
+// The state letter of /proc/PID/stat (R, S, Z, ...); 0 when the process is gone.
+char process_state(pid_t pid) {
+    FILE* stat = fopen(("/proc/" + std::to_string(pid) + "/stat").c_str(), "re");
+    char state = 0;
+    if (stat != nullptr) {
+        // The program name in parentheses may hold spaces and parentheses itself.
+        char line[512] = {};
+        const char* end = fgets(line, sizeof(line), stat) ? strrchr(line, ')') : nullptr;
+        state = end != nullptr && end[1] == ' ' ? end[2] : 0;
+        fclose(stat);
+    }
+    return state;
+}
+
 bool ends_with(const std::string& s, const std::string& suffix) {
     return s.size() >= suffix.size() &&
            s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
 }  // namespace
+
+void close_all_but(int keep) {
+    // The kernel's call by number, since glibc before 2.34 does not name close_range.
+    if (syscall(__NR_close_range, 3, keep - 1, 0) < 0 ||
+        syscall(__NR_close_range, keep + 1, ~0U, 0) < 0) {
+        for (int fd = 3; fd < 1024; ++fd) {
+            if (fd != keep) {
+                close(fd);
+            }
+        }
+    }
+}
 
 bool make_dirs(const std::string& dir) {
     for (size_t pos = 1; pos <= dir.size(); ++pos) {
@@ -87,7 +113,7 @@ std::string find_service_binary() {
 }
 
 bool service_listening(const std::string& socket_path) {
-    int fd = mediaclient::connect_service(socket_path);
+    int fd = connect_service(socket_path);
     if (fd < 0) {
         return false;
     }
@@ -106,7 +132,7 @@ std::vector<std::string> service_environment(const std::string& socket_path) {
             env.push_back(*e);
         }
     }
-    if (mediaclient::default_socket_path() != socket_path || getenv("XDG_RUNTIME_DIR") != nullptr) {
+    if (default_socket_path() != socket_path || getenv("XDG_RUNTIME_DIR") != nullptr) {
         env.push_back("XDG_RUNTIME_DIR=" +
                       socket_path.substr(0, socket_path.size() - kSocketSuffix.size()));
     }
@@ -118,15 +144,7 @@ std::vector<std::string> service_environment(const std::string& socket_path) {
 // writes errno to `report`.
 [[noreturn]] void exec_service(const char* binary, char* const envp[], const char* cgroup_procs,
                                int report) {
-    // The kernel's syscall number, since glibc before 2.34 does not name close_range.
-    if (syscall(__NR_close_range, 3, report - 1, 0) < 0 ||
-        syscall(__NR_close_range, report + 1, ~0U, 0) < 0) {
-        for (int fd = 3; fd < 1024; ++fd) {
-            if (fd != report) {
-                close(fd);
-            }
-        }
-    }
+    close_all_but(report);
     // "0" moves the writer itself; its children (the daemon) stay where it is.
     const int procs = cgroup_procs[0] == 0 ? -1 : open(cgroup_procs, O_WRONLY | O_CLOEXEC);
     if (cgroup_procs[0] == 0 || (procs >= 0 && write(procs, "0", 1) == 1)) {
@@ -224,7 +242,7 @@ pid_t peer_pid(int fd) {
 }
 
 pid_t listener_pid(const std::string& socket_path) {
-    const int fd = mediaclient::connect_service(socket_path);
+    const int fd = connect_service(socket_path);
     if (fd < 0) {
         return -1;
     }
@@ -251,7 +269,7 @@ bool wait_process_gone(pid_t pid, int timeout_ms) {
         // Our own child would linger as a zombie; reap it if it is one.
         waitpid(pid, nullptr, WNOHANG);
         // An ended process whose parent has not reaped it yet still answers kill(pid, 0).
-        const char state = proc_stat(pid).state;
+        const char state = process_state(pid);
         if ((kill(pid, 0) < 0 && errno == ESRCH) || state == 'Z' || state == 'X') {
             return true;
         }
@@ -260,4 +278,4 @@ bool wait_process_gone(pid_t pid, int timeout_ms) {
     return false;
 }
 
-}  // namespace mediatools
+}  // namespace mediaclient

@@ -1,12 +1,13 @@
 #pragma once
 
-// Finding, starting and stopping the media service from the tools and benchmarks.
+// Finding, starting and stopping the media service: what a ServiceLease does, and what the tools,
+// benchmarks and tests use besides. Not installed.
 
 #include <sys/types.h>
 
 #include <string>
 
-namespace mediatools {
+namespace mediaclient {
 
 // The media-service binary to start: the one next to the running program, else the first one
 // in PATH. Empty when there is none.
@@ -22,6 +23,9 @@ bool service_listening(const std::string& socket_path);
 // file system). On failure `error` holds one line.
 bool start_service(const std::string& socket_path, const std::string& binary, int timeout_ms,
                    std::string* error, const std::string& cgroup = "");
+
+// Closes every descriptor above standard error but `keep`; async-signal-safe, for a forked child.
+void close_all_but(int keep);
 
 // mkdir -p, with mode 0700 for what it creates.
 bool make_dirs(const std::string& dir);
@@ -40,4 +44,4 @@ bool wait_process_gone(pid_t pid, int timeout_ms);
 // Sends SIGTERM to `pid` and waits up to `timeout_ms` for it to end.
 bool stop_process(pid_t pid, int timeout_ms);
 
-}  // namespace mediatools
+}  // namespace mediaclient

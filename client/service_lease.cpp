@@ -1,7 +1,16 @@
-#include "tools/service_lease.h"
+// The service lease of media_client.h.
+//
+// Runs meet in open file description locks on "<socket>.lock":
+//   byte 0: held exclusively while a run looks for the service and starts it, so that runs that
+//           start together start one service;
+//   byte 1: read-locked by each run for as long as it uses a service: its lease. The keeper waits
+//           for a write lock, which it gets once the last lease is gone; it then ends the session
+//           and waits for the service to exit before it lets go, so that a run arriving meanwhile
+//           starts a fresh service instead of joining one that is stopping.
+// The kernel drops a run's lease when the run ends, however it ends.
+#include "client/client_internal.h"
 
 #include <fcntl.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -9,10 +18,9 @@
 #include <cstring>
 
 #include "base/eintr.h"
-#include "client/media_client.h"
-#include "tools/service_link.h"
+#include "client/service_link.h"
 
-namespace mediatools {
+namespace mediaclient {
 
 namespace {
 
@@ -40,15 +48,7 @@ void detach_from_run(int keep) {
     for (int fd = 0; fd < 3; ++fd) {
         dup2(null_fd, fd);
     }
-    // The kernel's call by number: glibc before 2.34 does not name close_range.
-    if (syscall(__NR_close_range, 3, keep - 1, 0) < 0 ||
-        syscall(__NR_close_range, keep + 1, ~0U, 0) < 0) {
-        for (int fd = 3; fd < 1024; ++fd) {
-            if (fd != keep) {
-                close(fd);
-            }
-        }
-    }
+    close_all_but(keep);
 }
 
 // The keeper: the service's session client until the last lease is gone; then it ends the
@@ -58,10 +58,10 @@ void detach_from_run(int keep) {
                              int report) {
     detach_from_run(report);
     UniqueFd lock(open(lock_path.c_str(), O_RDWR | O_CLOEXEC));
-    mediaclient::SessionClient session;
-    if (!lock.valid() || session.connect(socket_path) != mediaclient::ClientError::kOk ||
-        session.start_answering() != mediaclient::ClientError::kOk ||
-        mediaclient::wait_closed(session.fd(), 100)) {  // refused: the service has a session
+    SessionClient session;
+    // Refused when the service has a session already.
+    if (!lock.valid() || session.connect(socket_path) != ClientError::kOk ||
+        session.start_answering() != ClientError::kOk) {
         _exit(1);
     }
     const pid_t service = peer_pid(session.fd());
@@ -111,47 +111,62 @@ bool spawn_keeper(const std::string& socket_path, const std::string& lock_path,
 
 }  // namespace
 
-bool ServiceLease::acquire(const std::string& socket_path, bool may_start, bool keep_running,
-                           std::string* error) {
+ServiceLease::~ServiceLease() = default;
+
+ClientError ServiceLease::acquire(const std::string& socket_path_arg, Start start) {
+    const std::string socket_path =
+        socket_path_arg.empty() ? default_socket_path() : socket_path_arg;
+    const bool may_start = start != Start::kNever;
+    error_text_.clear();
     const std::string lock_path = socket_path + ".lock";
     const std::string dir = socket_path.substr(0, socket_path.rfind('/'));
     if (!lock_.valid()) {
         if (may_start && !make_dirs(dir)) {
-            *error = "cannot create " + dir + ": " + strerror(errno);
-            return false;
+            return fail(ClientError::kSystem, "create " + dir + ": " + strerror(errno));
         }
         lock_.reset(open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     }
     if (!lock_.valid()) {
         if (!may_start && service_listening(socket_path)) {
-            return true;  // a service to use, though runs cannot meet here
+            return ClientError::kOk;  // a service to use, though runs cannot meet here
         }
-        *error = may_start ? "cannot open " + lock_path + ": " + strerror(errno)
-                           : "the service is not running: nothing listens on " + socket_path;
-        return false;
+        return may_start ? fail(ClientError::kSystem, "open " + lock_path + ": " + strerror(errno))
+                         : fail(ClientError::kNotConnected,
+                                "the service is not running: nothing listens on " + socket_path);
     }
     if (!lock_byte(lock_.get(), F_WRLCK, kStartByte) ||
         !lock_byte(lock_.get(), F_RDLCK, kLeaseByte)) {
-        *error = "cannot lock " + lock_path + ": " + strerror(errno);
-        return false;
+        return fail(ClientError::kSystem, "lock " + lock_path + ": " + strerror(errno));
     }
-    bool ok = true;
-    if (!service_listening(socket_path)) {
-        if (!may_start) {
-            *error = "the service is not running: nothing listens on " + socket_path;
-            ok = false;
-        } else {
-            ok = start_service(socket_path, "", kServiceStartMs, error);
-            if (ok && !keep_running && !spawn_keeper(socket_path, lock_path, error)) {
-                // Without its keeper the service would outlive every run.
-                stop_process(listener_pid(socket_path), kServiceExitMs);
-                ok = false;
-            }
-            started_ = ok;
-        }
-    }
+    const ClientError found = find_or_start(socket_path, lock_path, start);
     lock_byte(lock_.get(), F_UNLCK, kStartByte);
-    return ok;
+    return found;
 }
 
-}  // namespace mediatools
+// With the start lock held: a service listens, or one is started with its keeper.
+ClientError ServiceLease::find_or_start(const std::string& socket_path,
+                                        const std::string& lock_path, Start start) {
+    if (service_listening(socket_path)) {
+        return ClientError::kOk;
+    }
+    if (start == Start::kNever) {
+        return fail(ClientError::kNotConnected,
+                    "the service is not running: nothing listens on " + socket_path);
+    }
+    std::string error;
+    bool ok = start_service(socket_path, "", kServiceStartMs, &error);
+    if (ok && start == Start::kShared && !spawn_keeper(socket_path, lock_path, &error)) {
+        // Without its keeper the service would outlive every run.
+        stop_process(listener_pid(socket_path), kServiceExitMs);
+        ok = false;
+    }
+    started_ = ok;
+    return ok ? ClientError::kOk : fail(ClientError::kSystem, error);
+}
+
+ClientError ServiceLease::fail(ClientError error, const std::string& text) {
+    error_text_ = text;
+    return error;
+}
+
+}  // namespace mediaclient
