@@ -56,7 +56,7 @@ constexpr const char* kIdentifier = "media-service";
 Sink sink = Sink::kNone;
 int relay_fd = -1;
 
-std::mutex limiter_mutex;  // guards the buckets and the devices' outcomes
+std::mutex limiter_mutex;  // guards the buckets, the devices' outcomes and log_work
 std::map<int, Bucket> client_buckets;
 Bucket total_bucket;
 std::map<std::string, std::string> device_outcomes;
@@ -64,7 +64,7 @@ std::map<std::string, std::string> device_outcomes;
 thread_local int log_client = -1;
 thread_local int mute_depth = 0;
 thread_local char log_reason[96] = "";
-char log_work[32] = "";  // the worker's own, set on its one thread
+char log_work[32] = "";  // a worker's; its decoder's threads log too
 
 // Whom a line concerns.
 struct Origin {
@@ -170,7 +170,10 @@ void relay(int level, const char* module, const char* text, const char* device) 
     SystemLogNote note{};
     note.level = level;
     copy_text(note.module, module);
-    copy_text(note.work, log_work);
+    {
+        std::lock_guard<std::mutex> lock(limiter_mutex);
+        copy_text(note.work, log_work);
+    }
     copy_text(note.device, device);
     copy_text(note.text, text);
     // Never waits: a copy is not worth stalling the client's decoding for.
@@ -281,6 +284,7 @@ int SvcLogClient() {
 }
 
 void SvcLogSetWork(const char* work) {
+    std::lock_guard<std::mutex> lock(limiter_mutex);
     copy_text(log_work, work);
 }
 
