@@ -149,4 +149,16 @@ inline SwrContext* alloc_resampler(int64_t out_layout, AVSampleFormat out_fmt, i
 #endif
 }
 
+// Gives stream parameters a channel count with its default layout, the one the service's
+// resampler writes (media-decode's --framemd5 header names it).
+inline void set_codecpar_channels(AVCodecParameters* par, int channels) {
+#if SVC_HAVE_CH_LAYOUT
+    av_channel_layout_uninit(&par->ch_layout);
+    av_channel_layout_default(&par->ch_layout, channels);
+#else
+    par->channels = channels;
+    par->channel_layout = static_cast<uint64_t>(av_get_default_channel_layout(channels));
+#endif
+}
+
 }  // namespace ffcompat

@@ -171,6 +171,7 @@ int MediaCodec::receive_frame(AVCodecContext* ctx, AVFrame* frm, const char* fai
         return 0;
     }
     if (ret < 0) {
+        SvcSystemLogReason(AvErrorText(ret).text);
         LOGE("%s", failure_text);
         return ret;
     }

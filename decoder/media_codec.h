@@ -179,6 +179,7 @@ class MediaCodec {
                             int config_size);
     int hw_decoder_init(AVCodecContext* ctx, AVHWDeviceType type);
     int decode_with(AVCodecContext* ctx);
+    bool try_candidate(AVCodecContext* candidate);
     int convert_picture(video_context_t& state, AVFrame* source);
     int convert_samples(audio_context_t& state, AVFrame* frm, int64_t request_pts);
     const char* chosen_device_name() const;

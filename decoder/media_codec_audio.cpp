@@ -157,6 +157,7 @@ int MediaCodec::decode_audio(AVCodecContext* codec_ctx, AVPacket* pkt, AVFrame* 
     DeferAction failure([this] { write_failure(); });
     int ret = avcodec_send_packet(codec_ctx, pkt);
     if (ret < 0) {
+        SvcSystemLogReason(AvErrorText(ret).text);
         LOGE("sending packet to audio decoder failed");
         return ret;
     }

@@ -4,6 +4,7 @@
 // owned FFmpeg object carries.
 
 #include "base/log.h"
+#include "base/system_log.h"
 #include "decoder/av_error.h"
 #include "decoder/media_codec.h"
 

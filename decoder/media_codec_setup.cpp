@@ -150,6 +150,8 @@ MediaCodec::av_ptr<AVCodecContext> MediaCodec::open_sw_video_context(const AVCod
 // whatever no candidate takes. A device is charged before it is opened.
 void MediaCodec::open_hw_candidates(const AVCodec* codec, video_context_t& state,
                                     const uint8_t* config, int config_size) {
+    // A device's failures are the device's news, told once for the service: not each client's.
+    SystemLogMute quiet;
     for (const char* name : HW_DEVICE_TYPES) {
         if (!state.setup_charge.add(memory_estimates::kHardwareDevice, "hardware device")) {
             return;

@@ -58,7 +58,7 @@ void MediaCodec::decode_video_branch() {
         return;
     }
     for (auto it = candidates.begin(); it != candidates.end(); ++it) {
-        if (decode_with(it->get()) >= 0) {
+        if (try_candidate(it->get())) {
             state->hw_codec_ctx = std::move(*it);
             candidates.erase(it);
             break;
@@ -70,6 +70,25 @@ void MediaCodec::decode_video_branch() {
     }
     // The chosen context decodes the packet again; its result is the one the client sees.
     decode_with(state->hw_codec_ctx ? state->hw_codec_ctx.get() : state->sw_codec_ctx.get());
+}
+
+// Whether the candidate decodes the packet. Its failures stay out of the system log, which hears
+// the outcome once per device and codec instead.
+bool MediaCodec::try_candidate(AVCodecContext* candidate) {
+    bool decodes = false;
+    {
+        SystemLogMute quiet;
+        decodes = decode_with(candidate) >= 0;
+    }
+    const AVBufferRef* device_ref = candidate->hw_device_ctx;
+    const AVHWDeviceType type =
+        device_ref != nullptr ? reinterpret_cast<const AVHWDeviceContext*>(device_ref->data)->type
+                              : AV_HWDEVICE_TYPE_NONE;
+    const std::string device =
+        std::string(device_type_name(type)) + " " + avcodec_get_name(candidate->codec_id);
+    SvcSystemLogDevice(decodes ? SVC_LOG_INFO : SVC_LOG_WARN, device.c_str(),
+                       decodes ? "decodes" : "opens, but does not decode");
+    return decodes;
 }
 
 // Charges the conversion of a decoded picture before any of it is allocated; unchanged while the

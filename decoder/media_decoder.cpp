@@ -15,8 +15,9 @@
 #include "base/log.h"
 #include "base/shm_guard.h"
 #include "base/system_log.h"
-#include "protocol/ffmpeg_protocol.h"
+#include "decoder/av_error.h"
 #include "decoder/memory_budget.h"
+#include "protocol/ffmpeg_protocol.h"
 
 using namespace mediaclient::protocol;
 
@@ -69,6 +70,11 @@ int OpenedDevices::create_device(AVBufferRef** device, AVHWDeviceType type) cons
     if (it == opened_.end()) {
         Opened opened{HardwareSeam::create_device(device, type), nullptr};
         opened.device = opened.result >= 0 ? av_buffer_ref(*device) : nullptr;
+        if (opened.result < 0) {
+            const std::string outcome =
+                std::string("does not open: ") + AvErrorText(opened.result).text;
+            SvcSystemLogDevice(SVC_LOG_WARN, av_hwdevice_get_type_name(type), outcome.c_str());
+        }
         // FFmpeg loads NVIDIA's decoding library only when a decoder starts on the device, which
         // is after the worker has confined itself for decoding and may map no code: it is loaded
         // now, and FFmpeg's later load finds it in place. Kept for the worker's life.
@@ -195,6 +201,7 @@ void MediaDecoder::name_worker() {
     if (strcmp(name, worker_name) != 0) {
         memcpy(worker_name, name, sizeof(name));
         pthread_setname_np(pthread_self(), name);
+        SvcLogSetWork(work.c_str());
     }
 }
 

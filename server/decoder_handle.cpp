@@ -44,22 +44,32 @@ void MediaServer::decoder_handle_t::signal_quit() {
     control.reset();
 }
 
-// The worker asks to hold a new total; the answer is what it may hold, whatever the budget says.
+// One record of the worker: a memory grant it asks for (a 64-bit total), or a note for the system
+// log; told apart by their sizes.
 void MediaServer::decoder_handle_t::on_control_io_event(ev::io& watcher, int /*revents*/) {
-    int64_t wanted = 0;
+    union {
+        int64_t wanted;
+        SystemLogNote note;
+    } record;
     const ssize_t n =
-        retry_on_eintr([&] { return recv(watcher.fd, &wanted, sizeof(wanted), MSG_DONTWAIT); });
+        retry_on_eintr([&] { return recv(watcher.fd, &record, sizeof(record), MSG_DONTWAIT); });
     if (n == 0 || (n < 0 && errno != EAGAIN)) {
         watcher.stop();  // the worker is gone; its end is reported by the exit watcher
         return;
     }
-    if (n != static_cast<ssize_t>(sizeof(wanted))) {
-        return;
+    if (n == static_cast<ssize_t>(sizeof(record.wanted))) {
+        answer_grant(watcher.fd, record.wanted);
+    } else if (n == static_cast<ssize_t>(sizeof(record.note))) {
+        SvcSystemLogFromWorker(record.note, client, client_pid);
     }
+}
+
+// The worker asks to hold a new total; the answer is what it may hold, whatever the budget says.
+void MediaServer::decoder_handle_t::answer_grant(int fd, int64_t wanted) {
     grant.set(wanted, nullptr);
     const MemoryGrant answer{grant.bytes(), MemoryBudget::service().total(),
                              MemoryBudget::service().limit()};
-    retry_on_eintr([&] { return send(watcher.fd, &answer, sizeof(answer), MSG_NOSIGNAL); });
+    retry_on_eintr([&] { return send(fd, &answer, sizeof(answer), MSG_NOSIGNAL); });
 }
 
 // A worker that ends by itself has logged why; one that a signal ended (a crash, a refused system

@@ -275,5 +275,7 @@ void MediaServer::register_decoder(std::unique_ptr<pending_io_t> pending, client
         LOGE("decoder instance create failed");
         return;
     }
+    handle->client_pid = msg.session_pid;
+    SvcSystemLogNewClient(handle->client);
     decoder_handles.push_back(std::move(handle));
 }

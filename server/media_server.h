@@ -122,7 +122,8 @@ class MediaServer {
     // connection to that worker (it carries the worker's memory grants; closing it ends the
     // worker), and the worker's account in the service's memory budget.
     struct decoder_handle_t {
-        int client = -1;  // the client's number, which the worker's lines carry
+        int client = -1;       // the client's number, which the worker's lines carry
+        pid_t client_pid = 0;  // the client's process, as its credentials named it
         pid_t pid = -1;
         bool reaped = false;
         UniqueFd control;
@@ -143,6 +144,7 @@ class MediaServer {
         // Waits until the worker (told to end) has ended; false when `deadline` passed first.
         bool wait_for_end(std::chrono::steady_clock::time_point deadline);
         void on_control_io_event(ev::io& watcher, int revents);
+        void answer_grant(int fd, int64_t wanted);
         void on_worker_exit_event(ev::child& watcher, int revents);
     };
 

@@ -18,7 +18,7 @@ int main(int argc, char** argv) {
     int daemonized = daemon(1, 0);
     (void)daemonized;
     // Warnings and errors reach the journal; opened by the daemon itself, before anything runs.
-    SvcSystemLogOpen("media-service");
+    SvcSystemLogOpen();
     // Pictures and other large buffers get pages of their own, given back to the system when
     // they are freed, instead of staying in the allocator's heaps (glibc raises this threshold
     // on its own after large frees, which would keep a departed client's pictures resident).

@@ -97,7 +97,7 @@ int run_decoder_worker(int argc, char** argv) {
     close(kProgramFd);
     const int client = atoi(argv[2]);
     SvcLogSetClient(client);
-    SvcSystemLogOpen("media-service");
+    SvcSystemLogRelay(kControlFd);
     // As in the service: large buffers get pages of their own, given back when freed.
     mallopt(M_MMAP_THRESHOLD, 1 << 20);
     MemoryBudget::service().set_limit(strtoll(argv[4], nullptr, 10));

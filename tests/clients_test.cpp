@@ -16,6 +16,7 @@
 #include <memory>
 #include <regex>
 #include <set>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -53,7 +54,7 @@ const Clip& h264() {
 class Requests : public ::testing::Test {
   public:
     void SetUp() override {
-        daemon.options().env["SVC_TEST_SYSLOG"] = "1";
+        daemon.options().env["SVC_TEST_JOURNAL"] = "1";
         ASSERT_TRUE(daemon.start());
         // These cases are the service's own answers, also to what the library would refuse.
         DecoderClientSeam::check_requests(c, false);
@@ -383,17 +384,28 @@ TEST_F(Requests, SizeLimits) {
     }
     EXPECT_EQ(daemon.count("output image size overflow!!"), 1u);
     EXPECT_GE(daemon.count("cannot initialize convertion context"), 2u);
-    // The errors reach the system log too, naming the client: a burst of five of its lines, then
-    // one every ten seconds, so that a client cannot flood it.
+    // The errors reach the journal too, with the client's number, pid and codec as fields: a
+    // burst of five of its lines, then one every ten seconds, so that a client cannot flood it.
+    // The hardware trial's failures are no client's: each device's outcome is told once.
     std::smatch client;
     const std::string log = daemon.log();
     ASSERT_TRUE(std::regex_search(log, client, std::regex("client connect: sock#\\[(\\d+)\\]")));
+    const std::string n = client[1].str(), pid = std::to_string(getpid());
+    const std::string line = "3 [media decoder] client " + n +
+                             " (mp2): wrong packet size passed\tCLIENT=" + n +
+                             "\tCLIENT_PID=" + pid + "\tCODEC=mp2\n";
+    EXPECT_TRUE(wait_until(kWaitMs, [&] { return occurrences(daemon.system_log(), line) == 5; }))
+        << line << daemon.system_log();
     const std::string system_log = daemon.system_log();
-    EXPECT_EQ(occurrences(system_log, "3 [media decoder] client " + client[1].str() +
-                                          ": wrong packet size passed\n"),
-              5u)
-        << system_log;
-    EXPECT_EQ(occurrences(system_log, "client " + client[1].str() + ": "), 5u) << system_log;
+    EXPECT_EQ(occurrences(system_log, "\tCLIENT=" + n + "\t"), 5u) << system_log;
+    EXPECT_EQ(occurrences(system_log, "HW"), 0u) << system_log;
+    std::istringstream lines(system_log);
+    std::set<std::string> devices;
+    for (std::string s; std::getline(lines, s);) {
+        EXPECT_TRUE(s.find("hardware device ") == std::string::npos || devices.insert(s).second)
+            << s;
+    }
+    EXPECT_FALSE(devices.empty()) << system_log;
 
     // Configuration bytes beyond the input area fail the setup (and end the worker), and so do
     // pictures beyond 16384 on a side, coded or output: refused before anything is allocated.
@@ -410,6 +422,11 @@ TEST_F(Requests, SizeLimits) {
         reconnect();
     }
     EXPECT_EQ(daemon.count("picture size refused"), 2u);
+    // Each refusal is a later client's, likely on the same connection number: with an allowance
+    // of its own, not the one the first client spent.
+    EXPECT_TRUE(wait_until(kWaitMs, [&] {
+        return occurrences(daemon.system_log(), "picture size refused") == 2;
+    })) << daemon.system_log();
 }
 
 // These are answered (the result area as it was) and end the worker: later doorbells are read but

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <sstream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -21,6 +22,29 @@
 using namespace mediaclient::protocol;
 
 namespace {
+
+// A framemd5 text's header, and its rows with their first `skip` columns left out.
+struct FrameMd5Text {
+    std::string header;
+    std::vector<std::string> rows;
+};
+
+FrameMd5Text framemd5(const std::string& text, int skip) {
+    FrameMd5Text t;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        size_t at = 0;
+        for (int i = 0; i < skip && at != std::string::npos; ++i) {
+            at = line.find(',', at + 1);
+        }
+        if (line[0] == '#') {
+            t.header += line + "\n";
+        } else {
+            t.rows.push_back(line.substr(at));
+        }
+    }
+    return t;
+}
 
 class Tools : public ::testing::Test {
   protected:
@@ -79,14 +103,29 @@ class Tools : public ::testing::Test {
     const Clip& video = clip("tools.mp4",
                              "-f lavfi -i testsrc2=size=176x144:rate=25 -t 1 -c:v libx264 "
                              "-pix_fmt yuv420p");
+    const Clip& aac =
+        clip("tools.m4a", "-f lavfi -i sine=sample_rate=48000 -ac 2 -t 1 -c:a aac", false);
 };
 
-// Through the service, in-process, and both at once (--verify): the same answers and bytes.
-TEST_F(Tools, ServiceOutputEqualsInProcessDecoding) {
-    const Clip& audio =
-        clip("tools.m4a", "-f lavfi -i sine=sample_rate=48000 -ac 2 -t 1 -c:a aac", false);
-    for (const std::string& c : {video.path + " --size 320x240 --pix-fmt rgba",
-                                 audio.path + " --sample-fmt s16 --rate 44100"}) {
+// Through the service, in-process, and both at once (--verify): the same answers and bytes. And
+// --framemd5 against this host's `ffmpeg -f framemd5` of the same output, less what the service
+// does otherwise, having no gapless trimming and no drain: `front` rows of ours before ffmpeg's
+// first (AAC's priming frame), `trimmed` first and last rows that ffmpeg shortens (MP3), audio
+// timestamps (rows compared from their duration on: `skip` columns), and the last pictures a
+// decoder holds back (ffmpeg's rows go on).
+TEST_F(Tools, ServiceOutputEqualsInProcessAndFfmpegDecoding) {
+    const Clip& mp3 =
+        clip("tools.mp3", "-f lavfi -i sine=sample_rate=44100 -ac 2 -t 1 -c:a libmp3lame", false);
+    const std::vector<std::tuple<const Clip*, std::string, std::string, size_t, size_t, int>>
+        cases = {
+            {&video, "--size 320x240 --pix-fmt rgba",
+             "-s 320x240 -sws_flags bilinear -pix_fmt rgba", 0, 0, 0},
+            {&aac, "--sample-fmt s16 --rate 44100", "", 0, 0, 0},  // resampled: frames differ
+            {&aac, "--sample-fmt s16p", "-c:a pcm_s16le_planar", 1, 0, 3},
+            {&mp3, "--sample-fmt flt", "-c:a pcm_f32le", 0, 1, 3},
+        };
+    for (const auto& [input, args, ffmpeg, front, trimmed, skip] : cases) {
+        const std::string c = input->path + " " + args;
         ASSERT_EQ(run(socket + "--md5 -q " + c), 0) << err;
         const std::string service = out;
         ASSERT_EQ(run("--in-process --md5 -q " + c), 0) << err;
@@ -94,6 +133,24 @@ TEST_F(Tools, ServiceOutputEqualsInProcessDecoding) {
         EXPECT_NE(out.find(", 0, "), std::string::npos) << "no output at all";
         EXPECT_EQ(run(socket + "--verify " + c), 0) << err;
         EXPECT_NE(err.find("answers equal in-process decoding"), std::string::npos) << err;
+        EXPECT_NE(err.find("\nmedia-decode: decoder: "), std::string::npos) << err;
+        if (ffmpeg.empty()) {
+            continue;
+        }
+        ASSERT_EQ(run(socket + "-q --framemd5 -i " + c), 0) << err;
+        const FrameMd5Text ours = framemd5(out, skip);
+        const std::string command = "ffmpeg -v error -y -i " + input->path + " " + ffmpeg +
+                                    " -f framemd5 " + dir.path + "/ffmpeg";
+        ASSERT_EQ(system(command.c_str()), 0) << command;
+        const FrameMd5Text theirs = framemd5(read_file(dir.path + "/ffmpeg"), skip);
+        EXPECT_EQ(ours.header, theirs.header);
+        ASSERT_GT(ours.rows.size(), front + 2 * trimmed + 20) << out;
+        const size_t n = ours.rows.size() - front - 2 * trimmed;
+        ASSERT_LE(n + 2 * trimmed, theirs.rows.size()) << out;
+        EXPECT_LE(theirs.rows.size() - n - 2 * trimmed, 16u) << "more than held back pictures";
+        for (size_t i = 0; i < n; ++i) {
+            EXPECT_EQ(ours.rows[front + trimmed + i], theirs.rows[trimmed + i]) << i;
+        }
     }
 }
 
@@ -140,16 +197,45 @@ TEST_F(Tools, RunsShareOneServiceAndLeaveNoneBehind) {
     EXPECT_TRUE(daemon.running());
 }
 
+// -o's name picks the container, whose header is checked byte by byte; the .wav file's samples
+// are the flt output interleaved. A file there is replaced only with -y.
+TEST_F(Tools, OutputFileNameGivesTheContainer) {
+    const std::string y4m = dir.path + "/a.y4m", wav = dir.path + "/a.wav";
+    ASSERT_EQ(run("--in-process -q -o " + y4m + " " + video.path), 0) << err;
+    ASSERT_EQ(run("--in-process -q -y -o " + y4m + " " + video.path), 0) << err;
+    const std::string pictures = read_file(y4m),
+                      header = "YUV4MPEG2 W176 H144 F25:1 Ip A1:1 C420jpeg\n";
+    EXPECT_EQ(pictures.rfind(header + "FRAME\n", 0), 0u);
+    EXPECT_EQ((pictures.size() - header.size()) % (6 + 176 * 144 * 3 / 2), 0u);
+    ASSERT_EQ(run("--in-process -q --sample-fmt fltp -o " + wav + " " + aac.path), 0) << err;
+    const std::string samples = read_file(wav);
+    ASSERT_EQ(run("--in-process -q --sample-fmt flt -o - " + aac.path), 0) << err;
+    const uint32_t n = static_cast<uint32_t>(out.size());
+    const char sizes[] = {char(n + 36), char((n + 36) >> 8), char((n + 36) >> 16), 0,
+                          char(n),      char(n >> 8),        char(n >> 16),        0};
+    const std::string format(
+        "WAVEfmt \x10\0\0\0\x03\0\x02\0\x80\xbb\0\0\0\xdc\x05\0\x08\0\x20\0data", 32);
+    EXPECT_EQ(samples.substr(0, 44),
+              "RIFF" + std::string(sizes, 4) + format + std::string(sizes + 4, 4));
+    EXPECT_TRUE(samples.compare(44, std::string::npos, out) == 0) << "not the flt samples";
+    EXPECT_EQ(run("-version"), 0);
+    EXPECT_EQ(out.rfind("media-decode ", 0), 0u) << out;
+}
+
 TEST_F(Tools, ErrorsAreOneLineAndNonZero) {
     const Clip& wav = clip("tools.wav", "-f lavfi -i sine -t 0.2 -c:a pcm_s16le", false);
     const std::vector<std::tuple<std::string, int, std::string>> cases = {
-        {socket + dir.path + "/missing.mp4", 1, "cannot open"},
+        {socket + "-loglevel error -i " + dir.path + "/missing.mp4", 1, "cannot open"},
         {socket + "-a 0 " + video.path, 1, "no audio stream"},
         {socket + "-v 1 " + video.path, 1, "no video stream 1"},
         {socket + wav.path, 1, "not in the service's audio codec table"},
         {"--no-start --socket " + dir.path + "/none.socket " + video.path, 1, "not running"},
         {socket + "--pix-fmt nonesuch " + video.path, 2, "unknown pixel format"},
         {video.path + " --bogus", 2, "unknown option"},
+        {"-v loud " + video.path, 2, "bad value 'loud' for -v (a log level: quiet, panic, fatal,"},
+        // The shell's redirection of standard output has made that file.
+        {socket + "-o " + dir.path + "/out " + video.path, 1, "/out already exists (give -y to"},
+        {"-o x.y4m --pix-fmt rgba " + video.path, 2, "a .y4m file holds yuv420p, yuv422p, yuv444p"},
     };
     for (const auto& [args, status, text] : cases) {
         EXPECT_EQ(run(args), status) << text << ": " << err;
@@ -158,6 +244,43 @@ TEST_F(Tools, ErrorsAreOneLineAndNonZero) {
         EXPECT_NE(err.find(text), std::string::npos) << err;
         EXPECT_TRUE(out.empty()) << out;
     }
+}
+
+std::string command_output(const std::string& command) {
+    std::string out;
+    FILE* pipe = popen(command.c_str(), "r");
+    char buffer[4096];
+    for (size_t n; pipe != nullptr && (n = fread(buffer, 1, sizeof(buffer), pipe)) > 0;) {
+        out.append(buffer, n);
+    }
+    if (pipe != nullptr) {
+        pclose(pipe);
+    }
+    return out;
+}
+
+// media-probe, confined as a worker opening its devices, reports each device that opens with its
+// driver in the driver's words, as text and as JSON: the virtual VDPAU stack's here.
+TEST(Probe, ReportsTheDriverOfWhatAConfinedWorkerOpens) {
+    if (!have_virtual_vdpau()) {
+        ASSERT_EQ(getenv("SVC_REQUIRE_VDPAU"), nullptr) << "no Xvfb or VDPAU va_gl driver";
+        GTEST_SKIP() << "no Xvfb or VDPAU va_gl driver";
+    }
+    VirtualDisplay display;
+    ASSERT_FALSE(display.name().empty()) << "Xvfb did not start";
+    const std::string probe =
+        "DISPLAY=" + display.name() + " VDPAU_DRIVER=va_gl timeout 60 " MEDIA_PROBE_BIN;
+    const std::string driver = "OpenGL/VAAPI backend for VDPAU, VDPAU API 1";
+    const std::string text = command_output(probe + " 2>/dev/null");
+    EXPECT_EQ(text.rfind("probed as a confined decoder worker opens its devices\n", 0), 0u) << text;
+    EXPECT_NE(text.find("\n  vdpau  opens (default device): " + driver + "\n"), std::string::npos)
+        << text;
+    const std::string json = command_output(probe + " --json 2>/dev/null");
+    EXPECT_EQ(json.rfind("{\n  \"confined\": true,\n", 0), 0u) << json;
+    EXPECT_NE(json.find("{\"type\": \"vdpau\", \"known\": true, \"opens\": true, \"driver\": \"" +
+                        driver + "\", \"error\": \"\"}"),
+              std::string::npos)
+        << json;
 }
 
 }  // namespace

@@ -13,6 +13,15 @@
 
 namespace mediatools {
 
+// The output as the service writes it, and what a container or a framemd5 header says of it.
+struct OutputShape {
+    bool video = false;
+    int width = 0, height = 0, pix_fmt = -1;
+    int sar_num = 0, sar_den = 1;     // after scaling to width x height, 0/1 when unknown
+    int rate_num = 25, rate_den = 1;  // frame rate; 25 when the stream has none, as in ffmpeg
+    int sample_rate = 0, channels = 0, sample_fmt = -1;
+};
+
 // What an answer delivered, as contiguous bytes. Planar audio lies in the area as one plane per
 // channel, each starting at the decoded frame's sample count rounded up to 32; the frame size of
 // the stream stands in for that count when it is known.

@@ -7,6 +7,7 @@
 #include "decoder/av_error.h"
 #include "decoder/ffmpeg_compat.h"
 #include "protocol/ffmpeg_protocol.h"
+#include "tools/device_driver.h"
 
 using namespace mediaclient::protocol;
 
@@ -30,20 +31,6 @@ std::string device_hint(const std::string& name) {
     return "";
 }
 
-const char* state_text(CandidateState state) {
-    switch (state) {
-        case CandidateState::kCandidate:
-            return "candidate";
-        case CandidateState::kNoDevice:
-            return "no device";
-        case CandidateState::kNoConfig:
-            return "no support";
-        case CandidateState::kOpenFailed:
-            return "open failed";
-    }
-    return "?";
-}
-
 // Tries each device type the service uses; `devices` gets the opened ones (null where none).
 void probe_devices(ProbeReport& report, std::vector<AVBufferRef*>& devices) {
     for (const char* name : HW_DEVICE_TYPES) {
@@ -57,6 +44,7 @@ void probe_devices(ProbeReport& report, std::vector<AVBufferRef*>& devices) {
         } else {
             int ret = av_hwdevice_ctx_create(&device, type, nullptr, nullptr, 0);
             probe.opened = ret >= 0;
+            probe.driver = device_driver(device);
             if (ret < 0) {
                 probe.error = AvErrorText(ret).text + device_hint(name);
                 device = nullptr;
@@ -127,7 +115,8 @@ void print_devices(const ProbeReport& report, FILE* out) {
     fprintf(out, "Hardware device types, in the order the service tries them:\n");
     for (const DeviceProbe& d : report.devices) {
         if (d.opened) {
-            fprintf(out, "  %-6s opens (default device)\n", d.name.c_str());
+            fprintf(out, "  %-6s opens (default device)%s%s\n", d.name.c_str(),
+                    d.driver.empty() ? "" : ": ", d.driver.c_str());
         } else {
             fprintf(out, "  %-6s cannot be opened: %s\n", d.name.c_str(), d.error.c_str());
         }
@@ -151,24 +140,41 @@ void print_video_codecs(const ProbeReport& report, FILE* out) {
     for (const CodecProbe& c : report.video) {
         fprintf(out, "  %-3d %-11s %-11s", c.index, c.name.c_str(),
                 c.have_decoder ? c.decoder_name.c_str() : "(none)");
-        std::string verdict;
-        for (size_t d = 0; d < c.per_device.size(); ++d) {
-            fprintf(out, " %-12s", state_text(c.per_device[d]));
-            if (verdict.empty() && c.per_device[d] == CandidateState::kCandidate) {
-                verdict =
-                    report.devices[d].name + " (" + c.hw_pix_fmt[d] + "), if it takes the stream";
-            }
+        for (CandidateState state : c.per_device) {
+            fprintf(out, " %-12s", state_text(state));
         }
-        if (!c.have_decoder) {
-            verdict = "nothing: this FFmpeg has no decoder";
-        } else if (verdict.empty()) {
-            verdict = "software";
-        }
-        fprintf(out, " %s\n", verdict.c_str());
+        fprintf(out, " %s\n", decodes_on(report, c).c_str());
     }
 }
 
 }  // namespace
+
+const char* state_text(CandidateState state) {
+    switch (state) {
+        case CandidateState::kCandidate:
+            return "candidate";
+        case CandidateState::kNoDevice:
+            return "no device";
+        case CandidateState::kNoConfig:
+            return "no support";
+        case CandidateState::kOpenFailed:
+            return "open failed";
+    }
+    return "?";
+}
+
+std::string decodes_on(const ProbeReport& report, const CodecProbe& codec) {
+    if (!codec.have_decoder) {
+        return "nothing: this FFmpeg has no decoder";
+    }
+    for (size_t d = 0; d < codec.per_device.size(); ++d) {
+        if (codec.per_device[d] == CandidateState::kCandidate) {
+            return report.devices[d].name + " (" + codec.hw_pix_fmt[d] +
+                   "), if it takes the stream";
+        }
+    }
+    return "software";
+}
 
 ProbeReport probe_host() {
     ProbeReport report;

@@ -13,6 +13,7 @@ struct DeviceProbe {
     std::string name;     // "vdpau", "cuda", "vaapi"
     bool known = false;   // this FFmpeg was built with the type
     bool opened = false;  // its default device could be created
+    std::string driver;   // which driver serves it, in its own words; empty when it does not say
     std::string error;    // why not
 };
 
@@ -41,5 +42,11 @@ struct ProbeReport {
 
 ProbeReport probe_host();
 void print_probe(const ProbeReport& report, FILE* out);
+// The same as one JSON object, for scripts; `confined` says whether the probe ran confined.
+void print_probe_json(const ProbeReport& report, bool confined, FILE* out);
+// What a codec would decode on: "vaapi (vaapi_vld), if it takes the stream", "software", "nothing:
+// this FFmpeg has no decoder".
+std::string decodes_on(const ProbeReport& report, const CodecProbe& codec);
+const char* state_text(CandidateState state);
 
 }  // namespace mediatools

@@ -2,9 +2,7 @@
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <chrono>
-#include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -14,6 +12,7 @@
 extern "C" {
 #include <libavutil/log.h>
 #include <libavutil/pixdesc.h>
+#include <libavutil/rational.h>
 #include <libavutil/samplefmt.h>
 }
 
@@ -23,6 +22,7 @@ extern "C" {
 #include "protocol/ffmpeg_protocol.h"
 #include "tools/decode_options.h"
 #include "tools/decode_output.h"
+#include "tools/decode_sink.h"
 #include "tools/hw_probe.h"
 #include "tools/in_process.h"
 #include "tools/media_file.h"
@@ -189,20 +189,63 @@ std::unique_ptr<InProcessDecoder> open_in_process(const Input& input, const Setu
     return decoder;
 }
 
-FILE* open_output(const DecodeOptions& opt) {
-    if (opt.out_path.empty()) {
-        return nullptr;
+// The output as a container or a framemd5 header describes it. Scaling keeps the picture's
+// shape, so the sample aspect ratio changes with the size as ffmpeg's scale filter changes it.
+OutputShape output_shape(const StreamInfo& info, const Setup& setup) {
+    OutputShape shape;
+    shape.video = info.video;
+    if (info.video) {
+        const mediaclient::VideoInitParams& v = setup.video;
+        shape.width = v.out_width;
+        shape.height = v.out_height;
+        shape.pix_fmt = v.out_pix_fmt;
+        AVRational sar{info.sar_num, info.sar_den};
+        if (sar.num != 0) {
+            sar = av_mul_q(sar, AVRational{v.out_height * info.width, v.out_width * info.height});
+        }
+        shape.sar_num = sar.num;
+        shape.sar_den = sar.den;
+        if (info.rate_num > 0 && info.rate_den > 0) {
+            shape.rate_num = info.rate_num;
+            shape.rate_den = info.rate_den;
+        }
+    } else {
+        shape.sample_rate = effective_out_sample_rate(setup.audio.out_sample_rate);
+        shape.channels = setup.audio.out_channels;
+        shape.sample_fmt = setup.audio.out_sample_fmt;
     }
-    FILE* out = opt.out_path == "-" ? stdout : fopen(opt.out_path.c_str(), "wbe");
-    if (out == nullptr) {
-        fail(kExitError, "cannot write %s: %s", opt.out_path.c_str(), strerror(errno));
-    }
-    return out;
+    return shape;
 }
 
-// The stream, the output and where it is decoded, unless --quiet; the --md5 header.
-void announce(const DecodeOptions& opt, const StreamInfo& info, const Setup& setup,
+// Which decoder serves, as far as this side can tell: audio and in-process decoding are in
+// software; the service keeps the first hardware candidate that decodes and does not say which,
+// so a video line names the device types that would get one here (the probe of --probe).
+void announce_decoder(const DecodeOptions& opt, const Input& input) {
+    const StreamInfo& info = input.info;
+    std::string devices;
+    if (info.video && !opt.in_process) {
+        const ProbeReport report = probe_host();
+        const CodecProbe& codec = report.video[static_cast<size_t>(input.codec_index)];
+        for (size_t d = 0; d < codec.per_device.size(); ++d) {
+            if (codec.per_device[d] == CandidateState::kCandidate) {
+                devices += (devices.empty() ? "" : ", ") + report.devices[d].name;
+            }
+        }
+    }
+    if (devices.empty()) {
+        fprintf(stderr, "media-decode: decoder: %s (software)\n", info.codec_name.c_str());
+    } else {
+        fprintf(stderr,
+                "media-decode: decoder: %s (the first of %s that decodes, else software; the "
+                "service does not say which)\n",
+                info.codec_name.c_str(), devices.c_str());
+    }
+}
+
+// The stream, the output, where and by which decoder it is decoded, unless --quiet.
+void announce(const DecodeOptions& opt, const Input& input, const Setup& setup,
               const std::string& socket_path) {
+    const StreamInfo& info = input.info;
     const bool service = !opt.in_process;
     const char* where = service ? " via " : " in-process";
     const char* socket = service ? socket_path.c_str() : "";
@@ -220,9 +263,8 @@ void announce(const DecodeOptions& opt, const StreamInfo& info, const Setup& set
                 effective_out_sample_rate(setup.audio.out_sample_rate), setup.audio.out_channels,
                 opt.sample_fmt.c_str(), where, socket);
     }
-    if (opt.md5) {
-        printf("#%s stream %d: %s\n#packet, status, size, pts, md5\n",
-               info.video ? "video" : "audio", info.kind_index, info.codec_name.c_str());
+    if (!opt.quiet) {
+        announce_decoder(opt, input);
     }
 }
 
@@ -237,11 +279,11 @@ struct Tally {
 class DecodeLoop {
   public:
     DecodeLoop(const DecodeOptions& opt, const Input& input, const Setup& setup, Service* service,
-               InProcessDecoder* in_process, FILE* out)
+               InProcessDecoder* in_process, DecodeSink* sink)
         : opt_(opt),
           service_(service),
           in_process_(in_process),
-          out_(out),
+          sink_(sink),
           progress_(!opt.quiet && isatty(STDERR_FILENO), input.info.duration_us,
                     input.file.file_size()) {
         if (!input.info.video) {
@@ -332,12 +374,9 @@ class DecodeLoop {
     }
 
     void write(const Answer& answer, const uint8_t* bytes) {
-        if (opt_.md5) {
-            printf("%ld, %d, %u, %" PRId64 ", %s\n", tally_.packets, answer.status, answer.size,
-                   answer.pts, answer.size > 0 ? md5_hex(bytes, answer.size).c_str() : "-");
-        } else if (out_ != nullptr && answer.size > 0 &&
-                   fwrite(bytes, 1, answer.size, out_) != answer.size) {
-            stop("writing %s: %s", opt_.out_path.c_str(), strerror(errno));
+        std::string error;
+        if (!sink_->write(tally_.packets, answer, bytes, &error)) {
+            stop("%s", error.c_str());
         }
     }
 
@@ -355,21 +394,20 @@ class DecodeLoop {
     const DecodeOptions& opt_;
     Service* service_;
     InProcessDecoder* in_process_;
-    FILE* out_;
+    DecodeSink* sink_;
     Progress progress_;
     Payload payload_, local_payload_;
     Tally tally_;
 };
 
 // The summary and the verdict of --verify; returns the exit status.
-int finish(const DecodeOptions& opt, const Input& input, FILE* out, const Tally& t, double wall) {
+int finish(const DecodeOptions& opt, const Input& input, DecodeSink* sink, const Tally& t,
+           double wall) {
     if (input.file.read_error() && !opt.quiet) {
         fprintf(stderr, "media-decode: read error in %s; stopped after %ld packets\n",
                 opt.file.c_str(), t.packets);
     }
-    if (out != nullptr && out != stdout && fclose(out) != 0) {
-        fail(kExitError, "writing %s: %s", opt.out_path.c_str(), strerror(errno));
-    }
+    sink->finish();
     fflush(stdout);
     if (!opt.quiet) {
         fprintf(stderr,
@@ -398,7 +436,8 @@ int finish(const DecodeOptions& opt, const Input& input, FILE* out, const Tally&
 int main(int argc, char** argv) {
     SvcLogOff();  // the in-process decoding would write the service's log lines
     const DecodeOptions opt = parse_options(argc, argv);
-    av_log_set_level(AV_LOG_ERROR);
+    // FFmpeg's own messages only when asked for: the in-process decoding would mix its warnings in.
+    av_log_set_level(opt.log_level != kNoLogLevel ? opt.log_level : AV_LOG_ERROR);
     if (opt.probe) {
         print_probe(probe_host(), stdout);
         return 0;
@@ -406,6 +445,7 @@ int main(int argc, char** argv) {
     Input input;
     open_input(opt, &input);
     const Setup setup = output_format(opt, input.info);
+    DecodeSink sink(opt, output_shape(input.info, setup));
     Service service;
     service.socket_path = opt.socket.empty() ? mediaclient::default_socket_path() : opt.socket;
     if (!opt.in_process) {
@@ -415,10 +455,10 @@ int main(int argc, char** argv) {
     if (opt.verify || opt.in_process) {
         in_process = open_in_process(input, setup);
     }
-    FILE* out = open_output(opt);
-    announce(opt, input.info, setup, service.socket_path);
+    announce(opt, input, setup, service.socket_path);
+    sink.begin(input.info);
 
-    DecodeLoop loop(opt, input, setup, &service, in_process.get(), out);
+    DecodeLoop loop(opt, input, setup, &service, in_process.get(), &sink);
     const double wall = loop.run(input.file);
-    return finish(opt, input, out, loop.tally(), wall);
+    return finish(opt, input, &sink, loop.tally(), wall);
 }

@@ -84,6 +84,13 @@ bool MediaFile::select(bool video, int n, StreamInfo* info, std::string* error) 
             info->width = par->width;
             info->height = par->height;
             info->pix_fmt = par->format;
+            // What ffmpeg's command line takes for its output, so that --framemd5 and .y4m match.
+            const AVRational sar = av_guess_sample_aspect_ratio(fmt_, fmt_->streams[i], nullptr);
+            const AVRational rate = av_guess_frame_rate(fmt_, fmt_->streams[i], nullptr);
+            info->sar_num = sar.num;
+            info->sar_den = sar.den;
+            info->rate_num = rate.num;
+            info->rate_den = rate.den;
         } else {
             info->sample_rate = par->sample_rate;
             info->channels = ffcompat::codecpar_channels(par);

@@ -19,6 +19,8 @@ struct StreamInfo {
     int codec_id = 0;  // AVCodecID
     std::string codec_name;
     int width = 0, height = 0, pix_fmt = -1;             // video
+    int sar_num = 0, sar_den = 1;                        // sample aspect ratio, 0/1 if unknown
+    int rate_num = 0, rate_den = 1;                      // frame rate, 0/1 if unknown
     int sample_rate = 0, channels = 0, sample_fmt = -1;  // audio
     int frame_size = 0;                                  // audio samples per frame, 0 if unknown
     std::vector<uint8_t> extradata;

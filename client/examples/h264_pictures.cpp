@@ -27,6 +27,29 @@ static int open_h264(const char* path, AVFormatContext** format) {
                                                                                            : -1;
 }
 
+// Connects a decoder client and sets up its H.264 decoder for the stream of `par`.
+static bool set_up(mc::DecoderClient& client, const AVCodecParameters* par) {
+    // The service converts every picture to this size and format; the coded ones it finds itself.
+    mc::VideoInitParams params;
+    params.out_width = par->width;
+    params.out_height = par->height;
+    params.out_pix_fmt = "yuv420p";
+    mc::ExchangeResult result{};
+    // The configuration bytes (avcC from MP4; none in an Annex B stream) go with the init.
+    if (client.connect_posix() != mc::ClientError::kOk ||
+        client.init_video(mc::VideoCodec::kH264, params, par->extradata,
+                          static_cast<size_t>(par->extradata_size),
+                          &result) != mc::ClientError::kOk) {
+        fprintf(stderr, "%s\n", client.last_error_text().c_str());
+        return false;
+    }
+    if (result.status != mc::STATUS_OK) {
+        fprintf(stderr, "the service could not set up an H.264 decoder\n");
+        return false;
+    }
+    return true;
+}
+
 int main(int argc, char** argv) {
     AVFormatContext* format = nullptr;
     const int index = argc == 2 ? open_h264(argv[1], &format) : -1;
@@ -37,33 +60,19 @@ int main(int argc, char** argv) {
     const AVStream* stream = format->streams[index];
     const AVCodecParameters* par = stream->codecpar;
 
-    // The service converts every picture to this size and format; the coded ones it finds itself.
-    mc::VideoInitParams params;
-    params.out_width = par->width;
-    params.out_height = par->height;
-    params.out_pix_fmt = "yuv420p";
     // The service that runs, or one started for this program (and stopped after it).
     mc::ServiceLease lease;
+    mc::DecoderClient client;
     if (lease.acquire() != mc::ClientError::kOk) {
         fprintf(stderr, "%s\n", lease.last_error_text().c_str());
         return 1;
     }
-    mc::DecoderClient client;
-    mc::ExchangeResult result{};
-    // The configuration bytes (avcC from MP4; none in an Annex B stream) go with the init.
-    if (client.connect_posix() != mc::ClientError::kOk ||
-        client.init_video(mc::VideoCodec::kH264, params, par->extradata,
-                          static_cast<size_t>(par->extradata_size),
-                          &result) != mc::ClientError::kOk) {
-        fprintf(stderr, "%s\n", client.last_error_text().c_str());
-        return 1;
-    }
-    if (result.status != mc::STATUS_OK) {
-        fprintf(stderr, "the service could not set up an H.264 decoder for %s\n", argv[1]);
+    if (!set_up(client, par)) {
         return 1;
     }
 
     int packets = 0, pictures = 0;
+    mc::ExchangeResult result{};
     AVPacket* packet = av_packet_alloc();
     while (av_read_frame(format, packet) >= 0) {
         if (packet->stream_index == index) {
