@@ -109,8 +109,9 @@ class MediaCodec {
     // What it decodes: "h264 sw", "h264 vaapi" (where the video decodes), "aac"; empty without a
     // decoder.
     std::string work() const;
-    // The video contexts, for the tests of the hardware trial: the software one, the chosen
-    // hardware one (null until one is chosen), then the candidates still waiting, in trial order.
+    // The video contexts, for media-probe and the tests of the hardware trial: the software one,
+    // the chosen hardware one (null until one is chosen), then the candidates still waiting, in
+    // trial order.
     // Empty without a video decoder.
     std::vector<const AVCodecContext*> video_contexts() const;
 

@@ -6,6 +6,7 @@
 
 #include "decoder/av_error.h"
 #include "decoder/ffmpeg_compat.h"
+#include "decoder/media_codec.h"
 #include "protocol/ffmpeg_protocol.h"
 #include "tools/device_driver.h"
 
@@ -66,35 +67,66 @@ void probe_devices(ProbeReport& report, std::vector<AVBufferRef*>& devices) {
     }
 }
 
-// Whether a context of `decoder` on `device` opens, the way the service opens a hardware
-// candidate.
-bool candidate_opens(const AVCodec* decoder, AVBufferRef* device) {
-    AVCodecContext* ctx = avcodec_alloc_context3(decoder);
-    int ret = AVERROR(ENOMEM);
-    if (ctx != nullptr) {
-        ctx->codec_type = AVMEDIA_TYPE_VIDEO;
-        ctx->hw_device_ctx = av_buffer_ref(device);
-        ret = avcodec_open2(ctx, decoder, nullptr);
+// The devices the probe opened, lent to the codec's setups as a worker lends its own.
+class ProbedDevices : public MediaCodec::HardwareSeam {
+  public:
+    explicit ProbedDevices(const std::vector<AVBufferRef*>& devices) : devices_(devices) {}
+    int create_device(AVBufferRef** device, AVHWDeviceType type) const override {
+        for (size_t d = 0; d < devices_.size(); ++d) {
+            if (devices_[d] != nullptr &&
+                av_hwdevice_find_type_by_name(HW_DEVICE_TYPES[d]) == type) {
+                *device = av_buffer_ref(devices_[d]);
+                return *device != nullptr ? 0 : AVERROR(ENOMEM);
+            }
+        }
+        return AVERROR(ENODEV);
     }
-    avcodec_free_context(&ctx);
-    return ret >= 0;
+
+  private:
+    const std::vector<AVBufferRef*>& devices_;  // in HW_DEVICE_TYPES order, null where none
+};
+
+// The device types that get a hardware candidate in the service's own video setup of `codec_id`
+// (a small picture, no configuration bytes) on the probe's devices.
+std::vector<AVHWDeviceType> candidate_types(AVCodecID codec_id, const ProbedDevices& devices) {
+    ExchangeResult result{};
+    // No packet is decoded: the output area is never written.
+    MediaCodec codec({&result, nullptr, [](size_t) {}}, MemoryBudget::service(), &devices);
+    MediaCodec::Setup setup;
+    setup.media_type = MEDIA_TYPE_VIDEO;
+    setup.codec_id = codec_id;
+    setup.video.coded_width = setup.video.out_width = 640;
+    setup.video.coded_height = setup.video.out_height = 480;
+    setup.video.coded_pix_fmt = setup.video.out_pix_fmt = AV_PIX_FMT_YUV420P;
+    std::vector<AVHWDeviceType> types;
+    if (codec.init(setup)) {
+        const std::vector<const AVCodecContext*> contexts = codec.video_contexts();
+        for (size_t c = 2; c < contexts.size(); ++c) {  // after the software and the chosen one
+            const AVBufferRef* device = contexts[c]->hw_device_ctx;
+            types.push_back(reinterpret_cast<const AVHWDeviceContext*>(device->data)->type);
+        }
+    }
+    return types;
 }
 
 // Row `row` of a codec table; for video, what each device would make of it.
 CodecProbe probe_codec(int32_t media_type, int row, const ProbeReport& report,
-                       const std::vector<AVBufferRef*>& devices) {
+                       const ProbedDevices& devices) {
     CodecProbe codec;
     codec.index = row;
     codec.name = media_type == MEDIA_TYPE_VIDEO ? VIDEO_CODEC_NAMES[row] : AUDIO_CODEC_NAMES[row];
     const AVCodec* decoder = avcodec_find_decoder(table_codec_id(media_type, row));
     codec.have_decoder = decoder != nullptr;
     codec.decoder_name = decoder != nullptr ? decoder->name : "";
+    const std::vector<AVHWDeviceType> candidates =
+        decoder != nullptr && media_type == MEDIA_TYPE_VIDEO ? candidate_types(decoder->id, devices)
+                                                             : std::vector<AVHWDeviceType>();
     for (size_t d = 0; media_type == MEDIA_TYPE_VIDEO && d < report.devices.size(); ++d) {
         const DeviceProbe& device = report.devices[d];
+        const AVHWDeviceType type = av_hwdevice_find_type_by_name(device.name.c_str());
         std::string surface;
         if (decoder != nullptr && device.known) {
-            const AVPixelFormat format =
-                hw_surface_format(decoder, av_hwdevice_find_type_by_name(device.name.c_str()));
+            const AVPixelFormat format = hw_surface_format(decoder, type);
             const char* name = av_get_pix_fmt_name(format);
             surface = format == AV_PIX_FMT_NONE ? "" : name != nullptr ? name : "?";
         }
@@ -102,8 +134,9 @@ CodecProbe probe_codec(int32_t media_type, int row, const ProbeReport& report,
         if (decoder != nullptr && surface.empty()) {
             state = CandidateState::kNoConfig;
         } else if (decoder != nullptr && device.opened) {
-            state = candidate_opens(decoder, devices[d]) ? CandidateState::kCandidate
-                                                         : CandidateState::kOpenFailed;
+            state = std::count(candidates.begin(), candidates.end(), type) > 0
+                        ? CandidateState::kCandidate
+                        : CandidateState::kOpenFailed;
         }
         codec.per_device.push_back(state);
         codec.hw_pix_fmt.push_back(surface);
@@ -183,11 +216,12 @@ ProbeReport probe_host() {
     av_log_set_level(AV_LOG_QUIET);
     std::vector<AVBufferRef*> devices;
     probe_devices(report, devices);
+    const ProbedDevices lent(devices);
     for (int i = 0; i < VIDEO_CODEC_COUNT; ++i) {
-        report.video.push_back(probe_codec(MEDIA_TYPE_VIDEO, i, report, devices));
+        report.video.push_back(probe_codec(MEDIA_TYPE_VIDEO, i, report, lent));
     }
     for (int i = 0; i < AUDIO_CODEC_COUNT; ++i) {
-        report.audio.push_back(probe_codec(MEDIA_TYPE_AUDIO, i, report, devices));
+        report.audio.push_back(probe_codec(MEDIA_TYPE_AUDIO, i, report, lent));
     }
     for (AVBufferRef*& device : devices) {
         av_buffer_unref(&device);
