@@ -16,33 +16,33 @@
 #define ASHMEM_SET_SIZE _IOW(0x77, 3, size_t)
 #define ASHMEM_GET_SIZE _IO(0x77, 4)
 
-AshMemory::AshMemory(int fd) : mFd(fd), mSize(_getInitSize(fd)), mMemory(nullptr), mDeviceName() {}
+AshMemory::AshMemory(int fd) : fd_(fd), size_(_getInitSize(fd)), memory_(nullptr), device_name_() {}
 
 AshMemory::AshMemory(size_t size, const char* name)
-    : mFd(-1), mSize(size), mMemory(nullptr), mDeviceName(name != nullptr ? name : "") {}
+    : fd_(-1), size_(size), memory_(nullptr), device_name_(name != nullptr ? name : "") {}
 
 AshMemory::~AshMemory() {
     _destroy();
 }
 
 void AshMemory::_destroy() {
-    if (mMemory != nullptr) {
-        int result = munmap(mMemory, mSize);
+    if (memory_ != nullptr) {
+        int result = munmap(memory_, size_);
         if (result != 0) {
             fprintf(stderr, "[WRN] ashmem:28 munmap(mMemory, mSize) result(%d) errno(%d) %s\n",
                     result, errno, strerror(errno));
         }
-        mMemory = nullptr;
+        memory_ = nullptr;
     }
-    if (mFd < 0) {
+    if (fd_ < 0) {
         return;
     }
-    int result = close(mFd);
+    int result = close(fd_);
     if (result != 0) {
         fprintf(stderr, "[WRN] ashmem:32 close(mFd) result(%d) errno(%d) %s\n", result, errno,
                 strerror(errno));
     }
-    mFd = -1;
+    fd_ = -1;
 }
 
 size_t AshMemory::_getInitSize(int fd) {
@@ -58,23 +58,23 @@ size_t AshMemory::_getInitSize(int fd) {
 }
 
 void* AshMemory::MapMemory() {
-    if (mMemory != nullptr) {
-        return mMemory;
+    if (memory_ != nullptr) {
+        return memory_;
     }
-    if (mFd < 0) {
-        if (mDeviceName.empty()) {
+    if (fd_ < 0) {
+        if (device_name_.empty()) {
             return nullptr;
         }
-        int fd = open(mDeviceName.c_str(), O_RDWR);
+        int fd = open(device_name_.c_str(), O_RDWR);
         if (fd < 0) {
             fprintf(stderr,
                     "[WRN] ashmem:53 open(mDeviceName.c_str(), 02) result(%d) errno(%d) %s\n", fd,
                     errno, strerror(errno));
-            mFd = fd;
+            fd_ = fd;
             return nullptr;
         }
-        mFd = fd;
-        int result = ioctl(mFd, ASHMEM_SET_SIZE, mSize);
+        fd_ = fd;
+        int result = ioctl(fd_, ASHMEM_SET_SIZE, size_);
         if (result < 0) {
             fprintf(stderr,
                     "[WRN] ashmem:57 ioctl(mFd, (((1U) << (((0+8)+8)+14)) | (((0x77)) << (0+8)) | "
@@ -83,18 +83,18 @@ void* AshMemory::MapMemory() {
                     result, errno, strerror(errno));
             return nullptr;
         }
-    } else if (mSize == 0) {
+    } else if (size_ == 0) {
         static const char kZeroSize[] = "[ERR] ashmem:60 bad descriptor ??? zero size\n";
         fwrite(kZeroSize, 1, sizeof(kZeroSize) - 1, stderr);
         return nullptr;
     }
 
-    void* memory = mmap(nullptr, mSize, PROT_READ | PROT_WRITE, MAP_SHARED, mFd, 0);
+    void* memory = mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0);
     if (memory != nullptr && memory != MAP_FAILED) {
-        mMemory = memory;
+        memory_ = memory;
         return memory;
     }
     fprintf(stderr, "[ERR] ashmem:66 mmap result(%p) errno(%d)\n", memory, errno);
-    mMemory = nullptr;
+    memory_ = nullptr;
     return nullptr;
 }

@@ -19,8 +19,13 @@ class AshMemory {
     void* MapMemory();
     void _destroy();
 
-    int mFd;
-    size_t mSize;
-    void* mMemory;
-    std::string mDeviceName;
+    // The region's descriptor (-1 without one) and size.
+    int fd() const { return fd_; }
+    size_t size() const { return size_; }
+
+  private:
+    int fd_;
+    size_t size_;
+    void* memory_;
+    std::string device_name_;
 };

@@ -45,12 +45,12 @@ MediaDecoder::MediaDecoder(int fd, bool is_ashmem, int client) : shm_fd(fd), cli
             LOGE("failed mapping android shared memory");
             return;
         }
-        if (ashmem->mSize < SHM_BLOCK_SIZE) {
-            LOGE("shared memory too small: %ld bytes", static_cast<long>(ashmem->mSize));
+        if (ashmem->size() < SHM_BLOCK_SIZE) {
+            LOGE("shared memory too small: %ld bytes", static_cast<long>(ashmem->size()));
             return;
         }
     }
-    guard_slot = ShmGuard::add(block, ashmem ? ashmem->mSize : SHM_BLOCK_SIZE);
+    guard_slot = ShmGuard::add(block, ashmem ? ashmem->size() : SHM_BLOCK_SIZE);
     codec.reset(new MediaCodec(
         {reinterpret_cast<ExchangeResult*>(block + SHM_RESULT_OFFSET), block + SHM_OUTPUT_OFFSET,
          [this](size_t used) { clear_output_after(used); }},
@@ -239,7 +239,7 @@ void MediaDecoder::clear_output_after(size_t used) {
 // object). The descriptor comes first because user-mode emulators answer madvise with success
 // without doing anything.
 bool MediaDecoder::release_pages(size_t offset, size_t length) {
-    const int fd = ashmem ? ashmem->mFd : shm_fd.get();
+    const int fd = ashmem ? ashmem->fd() : shm_fd.get();
     if (fd >= 0 && fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
                              static_cast<off_t>(offset), static_cast<off_t>(length)) == 0) {
         return true;

@@ -27,19 +27,19 @@ constexpr size_t SOCKET_PATH_SIZE = 4096;
 Runtime::Runtime() {
     // Throws ev::bad_loop when libev cannot set up its default loop (e.g. a bad LIBEV_FLAGS);
     // nothing can run without it, so it is left uncaught.
-    loop.reset(new ev::default_loop(0));
+    loop_.reset(new ev::default_loop(0));
 
-    sigterm_watcher.reset(new ev::sig(*loop));
-    sigint_watcher.reset(new ev::sig(*loop));
-    sighup_watcher.reset(new ev::sig(*loop));
+    sigterm_watcher_.reset(new ev::sig(*loop_));
+    sigint_watcher_.reset(new ev::sig(*loop_));
+    sighup_watcher_.reset(new ev::sig(*loop_));
 
-    sigterm_watcher->set<Runtime, &Runtime::on_singal_event>(this);
-    sigterm_watcher->start(SIGTERM);
-    sigint_watcher->set<Runtime, &Runtime::on_singal_event>(this);
-    sigint_watcher->start(SIGINT);
+    sigterm_watcher_->set<Runtime, &Runtime::on_singal_event>(this);
+    sigterm_watcher_->start(SIGTERM);
+    sigint_watcher_->set<Runtime, &Runtime::on_singal_event>(this);
+    sigint_watcher_->start(SIGINT);
     // Caught so that a hangup does not end the service.
-    sighup_watcher->set<Runtime, &Runtime::on_singal_event>(this);
-    sighup_watcher->start(SIGHUP);
+    sighup_watcher_->set<Runtime, &Runtime::on_singal_event>(this);
+    sighup_watcher_->start(SIGHUP);
 
     set_memory_budget();
 
@@ -48,10 +48,10 @@ Runtime::Runtime() {
     snprintf(path, sizeof(path), "%s",
              socket_path_for(getenv("XDG_RUNTIME_DIR"), geteuid()).c_str());
 
-    media_server.reset(new MediaServer(std::string(path)));
-    media_server->on_media_server_stopped([this] {
+    media_server_.reset(new MediaServer(std::string(path)));
+    media_server_->on_media_server_stopped([this] {
         LOGD("media server stopped, now quiting...");  // sic: verbatim log text
-        ev_break(*loop, EVBREAK_ONE);
+        ev_break(*loop_, EVBREAK_ONE);
     });
     // A daemon that listens, not yet serving anyone: from here on a taken-over decoder finds
     // nothing else it can do.
@@ -63,15 +63,15 @@ Runtime::Runtime() {
 // with the orderly stop's status), and must not end it instead: stop requests are held back
 // while the watchers go, and ignored afterwards.
 Runtime::~Runtime() {
-    media_server.reset();
+    media_server_.reset();
     sigset_t stops;
     sigemptyset(&stops);
     sigaddset(&stops, SIGTERM);
     sigaddset(&stops, SIGINT);
     sigprocmask(SIG_BLOCK, &stops, nullptr);
-    sighup_watcher.reset();
-    sigint_watcher.reset();
-    sigterm_watcher.reset();
+    sighup_watcher_.reset();
+    sigint_watcher_.reset();
+    sigterm_watcher_.reset();
     signal(SIGTERM, SIG_IGN);
     signal(SIGINT, SIG_IGN);
 }
@@ -88,20 +88,20 @@ void Runtime::set_memory_budget() {
 }
 
 void Runtime::run() {
-    if (!loop) {
+    if (!loop_) {
         return;
     }
     LOGD("starting media service...");
-    ev_run(*loop, 0);
+    ev_run(*loop_, 0);
     LOGD("stopping media service...");
 }
 
 void Runtime::on_singal_event(ev::sig& watcher, int /*revents*/) {
     int signum = watcher.signum;
     if (signum == SIGTERM || signum == SIGINT) {
-        if (media_server) {
-            media_server->stop();
+        if (media_server_) {
+            media_server_->stop();
         }
-        ev_break(*loop, EVBREAK_ONE);
+        ev_break(*loop_, EVBREAK_ONE);
     }
 }

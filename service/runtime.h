@@ -18,13 +18,16 @@ class Runtime {
 
     // Runs the loop until a stop request breaks it.
     void run();
+
+  private:
     // Spelled "singal": the name is part of the service's documented interface.
     void on_singal_event(ev::sig& watcher, int revents);
     void set_memory_budget();
 
-    std::unique_ptr<ev::default_loop> loop;
-    std::unique_ptr<ev::sig> sigterm_watcher;
-    std::unique_ptr<ev::sig> sigint_watcher;
-    std::unique_ptr<ev::sig> sighup_watcher;
-    std::unique_ptr<MediaServer> media_server;
+    // All of it on the main thread, the loop's.
+    std::unique_ptr<ev::default_loop> loop_;
+    std::unique_ptr<ev::sig> sigterm_watcher_;
+    std::unique_ptr<ev::sig> sigint_watcher_;
+    std::unique_ptr<ev::sig> sighup_watcher_;
+    std::unique_ptr<MediaServer> media_server_;
 };
