@@ -17,9 +17,6 @@
 
 MediaServer::decoder_handle_t::~decoder_handle_t() {
     signal_quit();
-    if (exit_watcher && exit_watcher->is_active()) {
-        exit_watcher->stop();
-    }
 }
 
 bool MediaServer::decoder_handle_t::wait_for_end(std::chrono::steady_clock::time_point deadline) {
@@ -38,8 +35,8 @@ bool MediaServer::decoder_handle_t::wait_for_end(std::chrono::steady_clock::time
 }
 
 void MediaServer::decoder_handle_t::signal_quit() {
-    if (control_io && control_io->is_active()) {
-        control_io->stop();
+    if (control_io) {
+        control_io->stop();  // a no-op on a stopped watcher
     }
     control.reset();
 }

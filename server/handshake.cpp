@@ -147,12 +147,6 @@ bool same_object(int a, int b) {
 
 }  // namespace
 
-MediaServer::pending_io_t::~pending_io_t() {
-    if (io && io->is_active()) {
-        io->stop();
-    }
-}
-
 std::unique_ptr<MediaServer::pending_io_t> MediaServer::take_pending(int fd) {
     auto& pending = listen_handle->pending_ios;
     auto it =

@@ -27,17 +27,6 @@ constexpr std::chrono::seconds kWorkerEndBound(10);
 
 }  // namespace
 
-MediaServer::listen_handle_t::~listen_handle_t() {
-    if (io && io->is_active()) {
-        io->stop();
-    }
-    if (accept_retry_timer && accept_retry_timer->is_active()) {
-        accept_retry_timer->stop();
-    }
-    // The pending connections go with pending_ios, each watcher stopped before its descriptor
-    // closes.
-}
-
 MediaServer::MediaServer(const std::string& path, UniqueFd program)
     : socket_path(path),
       worker_program(program.valid() ? std::move(program) : worker_launch::open_own_program()),

@@ -69,9 +69,13 @@ class MediaServer {
     std::vector<pid_t> workers() const;
 
   private:
+    // The handles below own their descriptors before their watchers: members go in reverse
+    // order, so each watcher (which stops itself when destroyed) stops before its descriptor
+    // closes, and no destructor needs to stop one.
+
     // A connection that has not sent its client type msg: its descriptor and its read watcher,
     // owned together from its acceptance until it registers (both move into a handle) or is
-    // dropped (the watcher stops, then the descriptor closes).
+    // dropped.
     struct pending_io_t {
         UniqueFd fd;
         std::unique_ptr<ev::io> io;
@@ -79,7 +83,6 @@ class MediaServer {
         pending_io_t() = default;
         pending_io_t(const pending_io_t&) = delete;
         pending_io_t& operator=(const pending_io_t&) = delete;
-        ~pending_io_t();
     };
 
     struct listen_handle_t {
@@ -93,7 +96,6 @@ class MediaServer {
         listen_handle_t() = default;
         listen_handle_t(const listen_handle_t&) = delete;
         listen_handle_t& operator=(const listen_handle_t&) = delete;
-        ~listen_handle_t();
     };
 
     struct session_handle_t {
@@ -109,7 +111,6 @@ class MediaServer {
         session_handle_t();
         session_handle_t(const session_handle_t&) = delete;
         session_handle_t& operator=(const session_handle_t&) = delete;
-        ~session_handle_t();
 
         void on_session_io_event(ev::io& watcher, int revents);
         void on_session_timer_event(ev::timer& watcher, int revents);

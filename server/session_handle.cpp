@@ -84,15 +84,6 @@ MediaServer::session_handle_t::session_handle_t() : timer(new ev::timer()) {
     timer->set(0.0, SESSION_PING_INTERVAL);
 }
 
-MediaServer::session_handle_t::~session_handle_t() {
-    if (timer && timer->is_active()) {
-        timer->stop();
-    }
-    if (io && io->is_active()) {
-        io->stop();
-    }
-}
-
 void MediaServer::session_handle_t::end_session() {
     if (io) {
         io->stop();
