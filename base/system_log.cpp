@@ -59,7 +59,8 @@ int relay_fd = -1;
 std::mutex limiter_mutex;  // guards the buckets, the devices' outcomes and log_work
 std::map<int, Bucket> client_buckets;
 Bucket total_bucket;
-std::map<std::string, std::string> device_outcomes;
+// What was told once for the whole service: each device's outcome, and the workers' own lines.
+std::map<std::string, std::string> told;
 
 thread_local int log_client = -1;
 thread_local int mute_depth = 0;
@@ -169,6 +170,7 @@ void copy_text(char (&field)[N], const char* text) {
 void relay(int level, const char* module, const char* text, const char* device) {
     SystemLogNote note{};
     note.level = level;
+    note.about_client = log_client >= 0;
     copy_text(note.module, module);
     {
         std::lock_guard<std::mutex> lock(limiter_mutex);
@@ -181,21 +183,23 @@ void relay(int level, const char* module, const char* text, const char* device) 
     (void)sent;
 }
 
-// A device outcome, told when it is new or has changed.
-void note_device(int level, const char* device, const char* outcome) {
+// A line for the whole service, told when what `key` names is new or has changed to `text`:
+// a device's outcome (`device` set), or a line that every worker writes alike.
+void tell_once(int level, const char* module, const std::string& key, const char* text,
+               const char* device) {
     {
         std::lock_guard<std::mutex> lock(limiter_mutex);
-        std::string& last = device_outcomes[device];
-        if (last == outcome) {
+        std::string& last = told[key];
+        if (last == text) {
             return;
         }
-        last = outcome;
+        last = text;
     }
     unsigned held_back = 0;
     if (admit(-1, false, &held_back)) {
         Origin origin;
         origin.device = device;
-        emit(level, "media decoder", outcome, origin, held_back);
+        emit(level, module, text, origin, held_back);
     }
 }
 
@@ -245,11 +249,14 @@ void SvcSystemLogDevice(int level, const char* device, const char* outcome) {
     if (sink == Sink::kRelay) {
         relay(level, "media decoder", outcome, device);
     } else if (sink != Sink::kNone) {
-        note_device(level, device, outcome);
+        tell_once(level, "media decoder", std::string("device ") + device, outcome, device);
     }
 }
 
 void SvcSystemLogFromWorker(const SystemLogNote& received, int client, pid_t client_pid) {
+    if (sink != Sink::kJournal && sink != Sink::kSyslog) {
+        return;  // a server without a system log (the fuzz target's)
+    }
     SystemLogNote note = received;
     make_safe(note.module);
     make_safe(note.work);
@@ -257,7 +264,12 @@ void SvcSystemLogFromWorker(const SystemLogNote& received, int client, pid_t cli
     make_safe(note.text);
     const int level = std::min(std::max(note.level, int32_t{SVC_LOG_INFO}), int32_t{SVC_LOG_ERROR});
     if (note.device[0] != '\0') {
-        note_device(level, note.device, note.text);
+        tell_once(level, note.module, std::string("device ") + note.device, note.text, note.device);
+        return;
+    }
+    if (note.about_client == 0) {
+        tell_once(level, note.module, std::string("line ") + note.module + note.text, note.text,
+                  "");
         return;
     }
     unsigned held_back = 0;

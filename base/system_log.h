@@ -43,6 +43,7 @@ void SvcSystemLogDevice(int level, const char* device, const char* outcome);
 // connection, every text cut to its field and terminated.
 struct SystemLogNote {
     int32_t level;
+    int32_t about_client;  // 0: a line about the worker itself (its confinement), not its client
     char module[16];
     char work[32];    // what the worker decodes ("h264 sw"), empty without a decoder
     char device[32];  // a device outcome's device; empty for a copied line
@@ -51,7 +52,8 @@ struct SystemLogNote {
 
 // In the accepting process: a note that the worker of `client` (whose process is `client_pid`)
 // relayed. Its texts are the worker's, which a crafted stream may control: they are treated as
-// untrusted text.
+// untrusted text. A line about the worker itself, which every worker of this host would write
+// alike, is told once for the service.
 void SvcSystemLogFromWorker(const SystemLogNote& note, int client, pid_t client_pid);
 
 // A new client with this connection number: its allowance starts full.
