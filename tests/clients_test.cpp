@@ -243,6 +243,8 @@ TEST_F(Handshake, RefusalsAreLoggedAndLeaveNothingOpen) {
         {CLIENT_TYPE_SHM_DECODER, other.name + "-missing", {r}, not_opened + "2] No such file"},
         {CLIENT_TYPE_SHM_DECODER, other.name, {r}, not_opened + "13] Permission denied"},
         {CLIENT_TYPE_SHM_DECODER, other.name, {n}, not_opened + "13] Permission denied"},
+        // A real object of the user's, on the same file system as the one it names.
+        {CLIENT_TYPE_SHM_DECODER, other.name, {small.fd}, not_opened + "13] Permission denied"},
         {CLIENT_TYPE_ASHMEM_DECODER, "", {plain.get()}, failed},  // a plain file is no region
         {CLIENT_TYPE_SHM_DECODER, small.name, {small.fd}, failed},
         {CLIENT_TYPE_ASHMEM_DECODER, "", {small_region.get()}, failed},

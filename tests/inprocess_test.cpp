@@ -216,6 +216,31 @@ TEST_F(Trial, PacketsAndConfigurationBytesAreChargedFirst) {
     codec.reset();  // before its budget
 }
 
+// A long stream's charges come back after each request: after the first pass, no request leaves
+// the budget holding more than the first pass's did (packets are given back at once, pictures
+// return to their pool), and a destroyed decoder leaves it holding nothing.
+TEST_F(Trial, ALongStreamGivesItsChargesBack) {
+    MemoryBudget budget(256 << 20);
+    refused = "vdpau cuda vaapi";
+    ASSERT_NO_FATAL_FAILURE(init(h264, budget));
+    int64_t first_pass = 0;
+    for (int pass = 0; pass < 4; ++pass) {
+        for (const auto& p : h264.packets) {
+            decode(p);
+            ASSERT_NE(result.status, STATUS_FAILED);
+            if (pass == 0) {
+                first_pass = std::max(first_pass, budget.total());
+            }
+            ASSERT_LE(budget.total(), first_pass) << "pass " << pass;
+        }
+        codec->flush();
+    }
+    EXPECT_GT(first_pass, 0);
+    codec->destroy_context();
+    EXPECT_EQ(budget.total(), 0);
+    codec.reset();  // before its budget
+}
+
 // get_hw_format picks the surface format of the context's device among those offered and needs
 // the context's user data; a descriptor that cannot be mapped makes no valid decoder instance.
 TEST_F(Trial, SurfaceFormatAndUnmappableBlock) {

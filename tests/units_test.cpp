@@ -19,6 +19,7 @@
 #include "base/log.h"
 #include "base/memory_limit.h"
 #include "base/spin_wait.h"
+#include "decoder/memory_budget.h"
 #include "support/support.h"
 
 namespace {
@@ -188,6 +189,37 @@ TEST(MemoryLimit, FromTheCgroupElseThePhysicalMemory) {
     EXPECT_EQ(decoding_budget(8 * GiB), 6 * GiB);
     EXPECT_EQ(decoding_budget(200 * MiB), 136 * MiB);
     EXPECT_EQ(decoding_budget(48 * MiB), 0);
+}
+
+// The share rule at its edges, on a budget of 400 bytes: a client within its share (the budget
+// divided among the clients holding something) is granted up to the whole budget; past its share
+// it is granted only out of the last quarter (the reserve, here 100 bytes).
+TEST(MemoryBudget, SharesAndTheReserve) {
+    MemoryBudget budget(400);
+    MemoryAccount a(budget), b(budget);
+    MemoryCharge charge_a(&a), charge_b(&b);
+    const struct {
+        MemoryCharge& charge;
+        int64_t bytes;
+        bool granted;
+        int64_t total;  // afterwards
+    } rows[] = {
+        {charge_a, 200, true, 200},   // alone, its share is the whole budget
+        {charge_b, 50, true, 250},    // within its share of 200
+        {charge_a, 50, true, 300},    // past its share, up to the reserve's edge
+        {charge_a, 1, false, 300},    // past its share, into the reserve
+        {charge_b, 100, true, 400},   // within its share, into the reserve, up to the limit
+        {charge_b, 1, false, 400},    // within its share, past the limit
+        {charge_a, -250, true, 150},  // a gives everything back: b is alone
+        {charge_b, 250, true, 400},   // alone again, up to the whole budget
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(&r - rows);
+        EXPECT_EQ(r.charge.add(r.bytes, nullptr), r.granted);
+        EXPECT_EQ(budget.total(), r.total);
+    }
+    charge_b.set(0, nullptr);
+    EXPECT_EQ(budget.total(), 0);
 }
 
 // Spinning, counted in asks of the readiness test so that no figure depends on the machine's
