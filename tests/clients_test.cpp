@@ -99,18 +99,6 @@ class Requests : public ::testing::Test {
         c.close();
         ASSERT_EQ(c.connect_posix(daemon.socket_path()), ClientError::kOk);
     }
-    // Whether the log from `from` on holds `lines` in that order.
-    bool logged_in_order(size_t from, const std::vector<const char*>& lines) {
-        const std::string log = daemon.log();
-        for (const char* line : lines) {
-            if ((from = log.find(line, from)) == std::string::npos) {
-                ADD_FAILURE() << line << " missing or out of order";
-                return false;
-            }
-            ++from;
-        }
-        return true;
-    }
     // Another registered client whose first request has been answered.
     std::unique_ptr<DecoderClient> client(bool posix = true) {
         auto other = std::make_unique<DecoderClient>();
@@ -458,56 +446,6 @@ TEST_F(Requests, EndingRequests) {
         EXPECT_TRUE(daemon.wait_log(kPurge, ++purges));
     }
     EXPECT_EQ(daemon.count("flush decoder"), 0u);
-}
-
-// The release actions log what they free, in the order the decoder's state is taken apart.
-TEST_F(Requests, ReleaseOrder) {
-    for (const Clip* s : {&h264(), &mp2()}) {
-        const size_t from = daemon.log().size();
-        ASSERT_TRUE(init(*s));
-        decode_until_output(*s);
-        ASSERT_EQ(c.destroy(kWaitMs), ClientError::kOk);
-        EXPECT_TRUE(s->info.video
-                        ? logged_in_order(from, {"destroy context", "freeing SW scale context",
-                                                 "freeing video decoder context",
-                                                 "freeing video frame", "freeing video packet"})
-                        : logged_in_order(from, {"destroy context", "freeing SW resample context",
-                                                 "freeing audio decoder context",
-                                                 "freeing audio frame", "freeing audio packet"}));
-    }
-    // A second setup releases the first state before it makes the new objects, and the old packet
-    // and frame when the new ones are in place.
-    ASSERT_TRUE(init(h264()));
-    size_t from = daemon.log().size();
-    decode_until_output(h264());
-    ASSERT_TRUE(init(h264()));
-    EXPECT_TRUE(logged_in_order(
-        from, {"decoding video frame", "init video codec context", "freeing SW scale context",
-               "freeing video decoder context", "freeing video packet", "freeing video frame"}));
-    // A reset releases the scaler and the decoder before it makes the new ones.
-    decode_until_output(h264());
-    from = daemon.log().size();
-    ASSERT_EQ(c.reset_video(32, 24, 0, kWaitMs), ClientError::kOk);
-    EXPECT_TRUE(logged_in_order(from, {"freeing SW scale context", "freeing video decoder context",
-                                       "init video codec context"}));
-    // A setup whose configuration bytes go beyond the input area fails and ends the worker: it
-    // releases the old state and what it made; the old packet and frame go with the instance.
-    ASSERT_TRUE(init(mp2()));
-    from = daemon.log().size();
-    decode_until_output(mp2());
-    const ClientError w =
-        c.write_init_audio(mp2().codec_index(), mediatools::audio_init_params(mp2().info, 1, 2, 0));
-    EXPECT_EQ(call(w, REQ_PARAM_OFFSET + 3 * sizeof(int32_t), int32_t{SHM_AREA_SIZE} + 1).status,
-              STATUS_FAILED);
-    EXPECT_TRUE(worker_ended());
-    const size_t frames_freed = daemon.count("freeing audio frame");
-    c.close();
-    ASSERT_TRUE(daemon.wait_log("freeing audio frame", frames_freed + 1));
-    EXPECT_TRUE(logged_in_order(
-        from, {"decoding audio frame", "init audio codec context", "freeing SW resample context",
-               "freeing audio decoder context", "freeing audio decoder context",
-               "ummapping shared memory",  // sic: the service's text
-               "freeing audio packet", "freeing audio frame"}));
 }
 
 // Every row of both codec tables is FFmpeg's codec of that name and is set up through the service
