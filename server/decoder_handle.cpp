@@ -15,19 +15,33 @@
 #include "server/server_internal.h"
 #include "server/worker_launch.h"
 
+MediaServer::decoder_handle_t::decoder_handle_t(
+    int client, pid_t client_pid, pid_t pid, UniqueFd control,
+    std::function<void(const decoder_handle_t*)> on_terminate)
+    : client_(client),
+      client_pid_(client_pid),
+      pid_(pid),
+      control_(std::move(control)),
+      on_terminate_(std::move(on_terminate)) {
+    control_io_.set<decoder_handle_t, &decoder_handle_t::on_control_io_event>(this);
+    control_io_.start(control_.get(), EV_READ);
+    exit_watcher_.set<decoder_handle_t, &decoder_handle_t::on_worker_exit_event>(this);
+    exit_watcher_.start(pid_, 0);
+}
+
 MediaServer::decoder_handle_t::~decoder_handle_t() {
     signal_quit();
 }
 
 bool MediaServer::decoder_handle_t::wait_for_end(std::chrono::steady_clock::time_point deadline) {
-    while (pid > 0 && !reaped) {
-        const pid_t ended = waitpid(pid, nullptr, WNOHANG);
-        reaped = ended != 0;  // ended, or (-1) reaped already
-        if (!reaped && std::chrono::steady_clock::now() > deadline) {
-            LOGE("decoder worker %d did not end; it ends with the service", static_cast<int>(pid));
+    while (pid_ > 0 && !reaped_) {
+        const pid_t ended = waitpid(pid_, nullptr, WNOHANG);
+        reaped_ = ended != 0;  // ended, or (-1) reaped already
+        if (!reaped_ && std::chrono::steady_clock::now() > deadline) {
+            LOGE("decoder worker %d did not end; it ends with the service", static_cast<int>(pid_));
             return false;
         }
-        if (!reaped) {
+        if (!reaped_) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
     }
@@ -35,10 +49,8 @@ bool MediaServer::decoder_handle_t::wait_for_end(std::chrono::steady_clock::time
 }
 
 void MediaServer::decoder_handle_t::signal_quit() {
-    if (control_io) {
-        control_io->stop();  // a no-op on a stopped watcher
-    }
-    control.reset();
+    control_io_.stop();  // a no-op on a stopped watcher
+    control_.reset();
 }
 
 // One record of the worker: a memory grant it asks for (a 64-bit total), or a note for the system
@@ -57,14 +69,14 @@ void MediaServer::decoder_handle_t::on_control_io_event(ev::io& watcher, int /*r
     if (n == static_cast<ssize_t>(sizeof(record.wanted))) {
         answer_grant(watcher.fd, record.wanted);
     } else if (n == static_cast<ssize_t>(sizeof(record.note))) {
-        SvcSystemLogFromWorker(record.note, client, client_pid);
+        SvcSystemLogFromWorker(record.note, client_, client_pid_);
     }
 }
 
 // The worker asks to hold a new total; the answer is what it may hold, whatever the budget says.
 void MediaServer::decoder_handle_t::answer_grant(int fd, int64_t wanted) {
-    grant.set(wanted, nullptr);
-    const MemoryGrant answer{grant.bytes(), MemoryBudget::service().total(),
+    grant_.set(wanted, nullptr);
+    const MemoryGrant answer{grant_.bytes(), MemoryBudget::service().total(),
                              MemoryBudget::service().limit()};
     retry_on_eintr([&] { return send(fd, &answer, sizeof(answer), MSG_NOSIGNAL); });
 }
@@ -72,21 +84,23 @@ void MediaServer::decoder_handle_t::answer_grant(int fd, int64_t wanted) {
 // A worker that ends by itself has logged why; one that a signal ended (a crash, a refused system
 // call, the kernel out of memory) cost its own client, and the operator hears of it.
 void MediaServer::decoder_handle_t::on_worker_exit_event(ev::child& watcher, int /*revents*/) {
-    LogClientScope log_client(client);
+    LogClientScope log_client(client_);
     const int status = watcher.rstatus;
-    reaped = true;
+    reaped_ = true;
     watcher.stop();
     if (WIFSIGNALED(status)) {
-        LOGE("decoder worker of client %d ended by signal %d (%s)", client, WTERMSIG(status),
+        LOGE("decoder worker of client %d ended by signal %d (%s)", client_, WTERMSIG(status),
              strsignal(WTERMSIG(status)));
     } else if (WIFEXITED(status) && WEXITSTATUS(status) != 0) {
-        LOGE("decoder worker of client %d exited with status %d", client, WEXITSTATUS(status));
+        LOGE("decoder worker of client %d exited with status %d", client_, WEXITSTATUS(status));
     }
     signal_quit();
-    on_terminate(this);
+    on_terminate_(this);
 }
 
-std::unique_ptr<MediaServer::decoder_handle_t> MediaServer::start_worker(int client, UniqueFd block,
+std::unique_ptr<MediaServer::decoder_handle_t> MediaServer::start_worker(int client,
+                                                                         pid_t client_pid,
+                                                                         UniqueFd block,
                                                                          bool is_ashmem) {
     int pair[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) != 0) {
@@ -102,20 +116,9 @@ std::unique_ptr<MediaServer::decoder_handle_t> MediaServer::start_worker(int cli
         LOGE("decoder worker process create failed: [%d] %s", errno, strerror(errno));
         return nullptr;
     }
-    std::unique_ptr<decoder_handle_t> handle(new decoder_handle_t);
-    handle->client = client;
-    handle->pid = pid;
-    handle->control = std::move(mine);
-    handle->control_io.reset(new ev::io());
-    handle->control_io->set<decoder_handle_t, &decoder_handle_t::on_control_io_event>(handle.get());
-    handle->control_io->start(handle->control.get(), EV_READ);
-    handle->exit_watcher.reset(new ev::child());
-    handle->exit_watcher->set<decoder_handle_t, &decoder_handle_t::on_worker_exit_event>(
-        handle.get());
-    handle->exit_watcher->start(pid, 0);
-    handle->on_terminate = [this](const decoder_handle_t* gone) {
-        purge_list.push_back(gone);
-        ev_feed_event(EV_DEFAULT_UC, decoder_purge_io.get(), EV_READ);
-    };
-    return handle;
+    return std::make_unique<decoder_handle_t>(
+        client, client_pid, pid, std::move(mine), [this](const decoder_handle_t* gone) {
+            purge_list.push_back(gone);
+            ev_feed_event(EV_DEFAULT_UC, decoder_purge_io.get(), EV_READ);
+        });
 }

@@ -263,13 +263,13 @@ void MediaServer::register_decoder(std::unique_ptr<pending_io_t> pending, client
         return;
     }
     pending->io->stop();
-    std::unique_ptr<decoder_handle_t> handle = start_worker(
-        pending->fd.get(), std::move(block), msg.client_type == CLIENT_TYPE_ASHMEM_DECODER);
+    std::unique_ptr<decoder_handle_t> handle =
+        start_worker(pending->fd.get(), msg.session_pid, std::move(block),
+                     msg.client_type == CLIENT_TYPE_ASHMEM_DECODER);
     if (!handle) {
         LOGE("decoder instance create failed");
         return;
     }
-    handle->client_pid = msg.session_pid;
-    SvcSystemLogNewClient(handle->client);
+    SvcSystemLogNewClient(handle->client());
     decoder_handles.push_back(std::move(handle));
 }

@@ -164,7 +164,7 @@ void MediaServer::stop() {
 std::vector<pid_t> MediaServer::workers() const {
     std::vector<pid_t> registered;
     for (const auto& handle : decoder_handles) {
-        registered.push_back(handle->pid);
+        registered.push_back(handle->pid());
     }
     return registered;
 }

@@ -122,31 +122,41 @@ class MediaServer {
     // A registered decoder client as this process sees it: the worker that serves it, the control
     // connection to that worker (it carries the worker's memory grants; closing it ends the
     // worker), and the worker's account in the service's memory budget.
-    struct decoder_handle_t {
-        int client = -1;       // the client's number, which the worker's lines carry
-        pid_t client_pid = 0;  // the client's process, as its credentials named it
-        pid_t pid = -1;
-        bool reaped = false;
-        UniqueFd control;
-        std::unique_ptr<ev::io> control_io;
-        std::unique_ptr<ev::child> exit_watcher;
-        MemoryAccount account{MemoryBudget::service()};
-        MemoryCharge grant{&account};
-        std::function<void(const decoder_handle_t*)> on_terminate;
-
-        decoder_handle_t() = default;
+    // Made whole by start_worker; on the loop thread only.
+    class decoder_handle_t {
+      public:
+        // Watches worker `pid` of client `client` (its number, which the worker's lines carry;
+        // `client_pid`: its process, as its credentials named it) through the control connection
+        // `control`; `on_terminate` hears of the worker's end.
+        decoder_handle_t(int client, pid_t client_pid, pid_t pid, UniqueFd control,
+                         std::function<void(const decoder_handle_t*)> on_terminate);
         decoder_handle_t(const decoder_handle_t&) = delete;
         decoder_handle_t& operator=(const decoder_handle_t&) = delete;
         // Tells the worker to end; the server's teardown waits for it first (wait_for_end).
         ~decoder_handle_t();
 
+        int client() const { return client_; }
+        pid_t pid() const { return pid_; }
         // The worker ends after the request it may be running. Idempotent.
         void signal_quit();
         // Waits until the worker (told to end) has ended; false when `deadline` passed first.
         bool wait_for_end(std::chrono::steady_clock::time_point deadline);
+
+      private:
         void on_control_io_event(ev::io& watcher, int revents);
         void answer_grant(int fd, int64_t wanted);
         void on_worker_exit_event(ev::child& watcher, int revents);
+
+        const int client_;
+        const pid_t client_pid_;
+        const pid_t pid_;
+        bool reaped_ = false;
+        UniqueFd control_;
+        ev::io control_io_;  // after its descriptor: stops before the descriptor closes
+        ev::child exit_watcher_;
+        MemoryAccount account_{MemoryBudget::service()};
+        MemoryCharge grant_{&account_};  // after its account: given back first
+        std::function<void(const decoder_handle_t*)> on_terminate_;
     };
 
     UniqueFd listen();
@@ -165,7 +175,8 @@ class MediaServer {
     // The shared memory descriptor of a decoder client; none, with the reason logged, when none.
     UniqueFd shared_memory_of(client_type_msg_t& msg);
     // Starts the worker of a registered decoder client; null, with the reason logged, when none.
-    std::unique_ptr<decoder_handle_t> start_worker(int client, UniqueFd block, bool is_ashmem);
+    std::unique_ptr<decoder_handle_t> start_worker(int client, pid_t client_pid, UniqueFd block,
+                                                   bool is_ashmem);
 
     // All of it on the loop thread.
     std::string socket_path;
