@@ -202,11 +202,7 @@ void MediaServer::on_pending_io_event(ev::io& io, int revents) {
 }
 
 void MediaServer::register_session(std::unique_ptr<pending_io_t> pending, int session_pid) {
-    if (!session_handle) {
-        session_handle.reset(new session_handle_t);
-    }
-    session_handle_t* session = session_handle.get();
-    if (session->pid != -1) {
+    if (session_handle) {
         LOGW("client already registered");
         return;
     }
@@ -214,23 +210,12 @@ void MediaServer::register_session(std::unique_ptr<pending_io_t> pending, int se
         LOGE("no session pid sent with msg");
         return;
     }
-    session->pid = session_pid;
-    session->exe_name = get_process_exe_name(session_pid);
-    session->last_response_time = 0.0;
-
-    session->fd = std::move(pending->fd);
-    session->io = std::move(pending->io);
-    session->io->stop();
-    session->io->set<session_handle_t, &session_handle_t::on_session_io_event>(session);
-    session->io->set(session->fd.get(), EV_READ);
-    session->io->start();
-
-    session->on_terminate = [this](const session_handle_t*) {
-        if (session_terminate_io) {
-            ev_feed_event(EV_DEFAULT_UC, session_terminate_io.get(), EV_READ);
-        }
-    };
-    session->timer->again();
+    session_handle = std::make_unique<session_handle_t>(
+        session_pid, std::move(pending->fd), std::move(pending->io), [this] {
+            if (session_terminate_io) {
+                ev_feed_event(EV_DEFAULT_UC, session_terminate_io.get(), EV_READ);
+            }
+        });
 }
 
 // Type 2: the descriptor passed. Type 3: the object opened by name, which must be the object of

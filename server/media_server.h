@@ -98,25 +98,29 @@ class MediaServer {
         listen_handle_t& operator=(const listen_handle_t&) = delete;
     };
 
-    struct session_handle_t {
-        int pid = -1;
-        int first_ping_sent = 0;
-        std::string exe_name;
-        UniqueFd fd;
-        std::unique_ptr<ev::io> io;
-        std::unique_ptr<ev::timer> timer;
-        double last_response_time = 0.0;
-        std::function<void(const session_handle_t*)> on_terminate;
-
-        session_handle_t();
+    // The registered session client, made whole from its connection; on the loop thread only.
+    class session_handle_t {
+      public:
+        // Pings the session client of process `pid` on `fd`, taking over the connection's read
+        // watcher `io`; `on_terminate` hears of the session's end.
+        session_handle_t(int pid, UniqueFd fd, std::unique_ptr<ev::io> io,
+                         std::function<void()> on_terminate);
         session_handle_t(const session_handle_t&) = delete;
         session_handle_t& operator=(const session_handle_t&) = delete;
 
+      private:
         void on_session_io_event(ev::io& watcher, int revents);
         void on_session_timer_event(ev::timer& watcher, int revents);
-
-      private:
         void end_session();
+
+        const int pid_;
+        const std::string exe_name_;  // the session process's, to tell it from a later one
+        bool first_ping_sent_ = false;
+        double last_response_time_ = 0.0;
+        UniqueFd fd_;
+        std::unique_ptr<ev::io> io_;  // after its descriptor: stops before the descriptor closes
+        ev::timer timer_;
+        std::function<void()> on_terminate_;
     };
 
     // A registered decoder client as this process sees it: the worker that serves it, the control

@@ -79,19 +79,26 @@ std::string get_process_exe_name(int pid) {
     return result;
 }
 
-MediaServer::session_handle_t::session_handle_t() : timer(new ev::timer()) {
-    timer->set<session_handle_t, &session_handle_t::on_session_timer_event>(this);
-    timer->set(0.0, SESSION_PING_INTERVAL);
+MediaServer::session_handle_t::session_handle_t(int pid, UniqueFd fd, std::unique_ptr<ev::io> io,
+                                                std::function<void()> on_terminate)
+    : pid_(pid),
+      exe_name_(get_process_exe_name(pid)),
+      fd_(std::move(fd)),
+      io_(std::move(io)),
+      on_terminate_(std::move(on_terminate)) {
+    io_->stop();
+    io_->set<session_handle_t, &session_handle_t::on_session_io_event>(this);
+    io_->set(fd_.get(), EV_READ);
+    io_->start();
+    timer_.set<session_handle_t, &session_handle_t::on_session_timer_event>(this);
+    timer_.set(0.0, SESSION_PING_INTERVAL);
+    timer_.again();
 }
 
 void MediaServer::session_handle_t::end_session() {
-    if (io) {
-        io->stop();
-    }
-    if (timer) {
-        timer->stop();
-    }
-    on_terminate(this);
+    io_->stop();
+    timer_.stop();
+    on_terminate_();
 }
 
 void MediaServer::session_handle_t::on_session_io_event(ev::io& watcher, int revents) {
@@ -109,18 +116,18 @@ void MediaServer::session_handle_t::on_session_io_event(ev::io& watcher, int rev
             LOGD("session client disconnected");
             return;
         }
-        last_response_time = ev_time();
+        last_response_time_ = ev_time();
         session_end.cancel();
         return;
     }
 
     if (revents & EV_WRITE) {
         LOGD("send ping msg to session");
-        if (send_ping(watcher.fd, first_ping_sent == 0) != 1) {
+        if (send_ping(watcher.fd, !first_ping_sent_) != 1) {
             LOGE("send ping msg to session failed: [%d] %s", errno, strerror(errno));
             return;
         }
-        first_ping_sent = 1;
+        first_ping_sent_ = true;
         set_write_interest(watcher, false);
         watcher.start();
         session_end.cancel();
@@ -135,15 +142,13 @@ void MediaServer::session_handle_t::on_session_io_event(ev::io& watcher, int rev
 void MediaServer::session_handle_t::on_session_timer_event(ev::timer& /*watcher*/,
                                                            int /*revents*/) {
     double now = ev_time();
-    if (now - last_response_time <= SESSION_RESPONSE_TIMEOUT) {
-        if (io) {
-            set_write_interest(*io, true);
-            io->start();
-        }
-        timer->again();
+    if (now - last_response_time_ <= SESSION_RESPONSE_TIMEOUT) {
+        set_write_interest(*io_, true);
+        io_->start();
+        timer_.again();
         return;
     }
-    if (get_process_exe_name(pid) == exe_name) {
+    if (get_process_exe_name(pid_) == exe_name_) {
         LOGD(
             "session process exists, but no response from session client in a period of time, "
             "now force ending...");
