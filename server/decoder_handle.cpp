@@ -109,7 +109,7 @@ std::unique_ptr<MediaServer::decoder_handle_t> MediaServer::start_worker(int cli
     }
     UniqueFd mine(pair[0]), theirs(pair[1]);
     worker_launch::Launch launch{
-        worker_program.get(),           client, block.get(), theirs.get(), client, is_ashmem,
+        worker_program_.get(),          client, block.get(), theirs.get(), client, is_ashmem,
         MemoryBudget::service().limit()};
     const pid_t pid = worker_launch::launch(launch);
     if (pid < 0) {
@@ -118,7 +118,7 @@ std::unique_ptr<MediaServer::decoder_handle_t> MediaServer::start_worker(int cli
     }
     return std::make_unique<decoder_handle_t>(
         client, client_pid, pid, std::move(mine), [this](const decoder_handle_t* gone) {
-            purge_list.push_back(gone);
-            ev_feed_event(EV_DEFAULT_UC, decoder_purge_io.get(), EV_READ);
+            purge_list_.push_back(gone);
+            ev_feed_event(EV_DEFAULT_UC, decoder_purge_io_.get(), EV_READ);
         });
 }

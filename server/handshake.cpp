@@ -148,7 +148,7 @@ bool same_object(int a, int b) {
 }  // namespace
 
 std::unique_ptr<MediaServer::pending_io_t> MediaServer::take_pending(int fd) {
-    auto& pending = listen_handle->pending_ios;
+    auto& pending = listen_handle_->pending_ios;
     auto it =
         std::find_if(pending.begin(), pending.end(),
                      [fd](const std::unique_ptr<pending_io_t>& p) { return p->fd.get() == fd; });
@@ -179,7 +179,7 @@ void MediaServer::on_pending_io_event(ev::io& io, int revents) {
             LOGE("pending io event error");
             return;
         }
-        listen_handle->pending_ios.push_back(std::move(pending));  // nothing for it yet
+        listen_handle_->pending_ios.push_back(std::move(pending));  // nothing for it yet
         return;
     }
 
@@ -202,7 +202,7 @@ void MediaServer::on_pending_io_event(ev::io& io, int revents) {
 }
 
 void MediaServer::register_session(std::unique_ptr<pending_io_t> pending, int session_pid) {
-    if (session_handle) {
+    if (session_handle_) {
         LOGW("client already registered");
         return;
     }
@@ -210,10 +210,10 @@ void MediaServer::register_session(std::unique_ptr<pending_io_t> pending, int se
         LOGE("no session pid sent with msg");
         return;
     }
-    session_handle = std::make_unique<session_handle_t>(
+    session_handle_ = std::make_unique<session_handle_t>(
         session_pid, std::move(pending->fd), std::move(pending->io), [this] {
-            if (session_terminate_io) {
-                ev_feed_event(EV_DEFAULT_UC, session_terminate_io.get(), EV_READ);
+            if (session_terminate_io_) {
+                ev_feed_event(EV_DEFAULT_UC, session_terminate_io_.get(), EV_READ);
             }
         });
 }
@@ -256,5 +256,5 @@ void MediaServer::register_decoder(std::unique_ptr<pending_io_t> pending, client
         return;
     }
     SvcSystemLogNewClient(handle->client());
-    decoder_handles.push_back(std::move(handle));
+    decoder_handles_.push_back(std::move(handle));
 }

@@ -28,26 +28,26 @@ constexpr std::chrono::seconds kWorkerEndBound(10);
 }  // namespace
 
 MediaServer::MediaServer(const std::string& path, UniqueFd program)
-    : socket_path(path),
-      worker_program(program.valid() ? std::move(program) : worker_launch::open_own_program()),
-      listen_handle(new listen_handle_t) {
+    : socket_path_(path),
+      worker_program_(program.valid() ? std::move(program) : worker_launch::open_own_program()),
+      listen_handle_(new listen_handle_t) {
     UniqueFd fd = listen();
     if (fd.valid()) {
-        listen_handle->fd = std::move(fd);
-        listen_handle->io.reset(new ev::io());
-        listen_handle->io->set<MediaServer, &MediaServer::on_server_listen_event>(this);
-        listen_handle->io->set(listen_handle->fd.get(), EV_READ);
-        listen_handle->io->start();
+        listen_handle_->fd = std::move(fd);
+        listen_handle_->io.reset(new ev::io());
+        listen_handle_->io->set<MediaServer, &MediaServer::on_server_listen_event>(this);
+        listen_handle_->io->set(listen_handle_->fd.get(), EV_READ);
+        listen_handle_->io->start();
 
-        listen_handle->accept_retry_timer.reset(new ev::timer());
-        listen_handle->accept_retry_timer
+        listen_handle_->accept_retry_timer.reset(new ev::timer());
+        listen_handle_->accept_retry_timer
             ->set<MediaServer, &MediaServer::on_accept_retry_timer_event>(this);
 
-        session_terminate_io.reset(new ev::io());
-        session_terminate_io->set<MediaServer, &MediaServer::on_session_terminate_io_event>(this);
+        session_terminate_io_.reset(new ev::io());
+        session_terminate_io_->set<MediaServer, &MediaServer::on_session_terminate_io_event>(this);
     }
-    decoder_purge_io.reset(new ev::io());
-    decoder_purge_io->set<MediaServer, &MediaServer::on_decoder_purge_io_event>(this);
+    decoder_purge_io_.reset(new ev::io());
+    decoder_purge_io_->set<MediaServer, &MediaServer::on_decoder_purge_io_event>(this);
 }
 
 UniqueFd MediaServer::listen() {
@@ -77,18 +77,18 @@ UniqueFd MediaServer::listen() {
     sockaddr_un addr;
     memset(&addr, 0, sizeof(addr));
     addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, socket_path.c_str(), sizeof(addr.sun_path));
+    strncpy(addr.sun_path, socket_path_.c_str(), sizeof(addr.sun_path));
     addr.sun_path[sizeof(addr.sun_path) - 1] = 0;
 
     // A socket file left by an earlier run would make the bind fail.
-    unlink(socket_path.c_str());
+    unlink(socket_path_.c_str());
     socklen_t addr_len = static_cast<socklen_t>(strlen(addr.sun_path) + sizeof(addr.sun_family));
     if (bind(fd.get(), reinterpret_cast<sockaddr*>(&addr), addr_len) < 0) {
         LOGE("bind failed: [%d] %s", errno, strerror(errno));
         return UniqueFd();
     }
     // Any local user may connect, whatever the umask.
-    chmod(socket_path.c_str(), 0777);
+    chmod(socket_path_.c_str(), 0777);
     if (::listen(fd.get(), LISTEN_BACKLOG) < 0) {
         LOGE("listen failed: [%d] %s", errno, strerror(errno));
         return UniqueFd();
@@ -103,9 +103,9 @@ void MediaServer::on_server_listen_event(ev::io& watcher, int /*revents*/) {
         LOGE("media server accept failed: [%d] %s", err, strerror(err));
         // Out of descriptors or memory the backlog stays readable: pause instead of spinning.
         if ((err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM) &&
-            listen_handle->accept_retry_timer) {
+            listen_handle_->accept_retry_timer) {
             watcher.stop();
-            listen_handle->accept_retry_timer->start(ACCEPT_RETRY_DELAY, 0.0);
+            listen_handle_->accept_retry_timer->start(ACCEPT_RETRY_DELAY, 0.0);
         }
         return;
     }
@@ -133,37 +133,37 @@ void MediaServer::on_server_listen_event(ev::io& watcher, int /*revents*/) {
     pending->io->set<MediaServer, &MediaServer::on_pending_io_event>(this);
     pending->io->set(pending->fd.get(), EV_READ);
     pending->io->start();
-    listen_handle->pending_ios.push_back(std::move(pending));
+    listen_handle_->pending_ios.push_back(std::move(pending));
 }
 
 void MediaServer::on_accept_retry_timer_event(ev::timer& /*watcher*/, int /*revents*/) {
-    if (listen_handle && listen_handle->io) {
-        listen_handle->io->start();
+    if (listen_handle_ && listen_handle_->io) {
+        listen_handle_->io->start();
     }
 }
 
 void MediaServer::on_media_server_stopped(const std::function<void()>& callback) {
-    stopped_callback = callback;
+    stopped_callback_ = callback;
 }
 
 void MediaServer::stop() {
-    if (listen_handle) {
-        if (listen_handle->io) {
-            listen_handle->io->stop();
+    if (listen_handle_) {
+        if (listen_handle_->io) {
+            listen_handle_->io->stop();
         }
-        if (listen_handle->accept_retry_timer) {
-            listen_handle->accept_retry_timer->stop();
+        if (listen_handle_->accept_retry_timer) {
+            listen_handle_->accept_retry_timer->stop();
         }
     }
-    for (auto& handle : decoder_handles) {
+    for (auto& handle : decoder_handles_) {
         handle->signal_quit();
     }
-    stopped_callback();
+    stopped_callback_();
 }
 
 std::vector<pid_t> MediaServer::workers() const {
     std::vector<pid_t> registered;
-    for (const auto& handle : decoder_handles) {
+    for (const auto& handle : decoder_handles_) {
         registered.push_back(handle->pid());
     }
     return registered;
@@ -171,33 +171,33 @@ std::vector<pid_t> MediaServer::workers() const {
 
 // The worker has logged its client's departure and its own cleaning; this is the handle's end.
 void MediaServer::on_decoder_purge_io_event(ev::io& /*watcher*/, int /*revents*/) {
-    for (const decoder_handle_t* gone : purge_list) {
+    for (const decoder_handle_t* gone : purge_list_) {
         if (gone == nullptr) {
             continue;
         }
         auto it = std::find_if(
-            decoder_handles.begin(), decoder_handles.end(),
+            decoder_handles_.begin(), decoder_handles_.end(),
             [gone](const std::unique_ptr<decoder_handle_t>& h) { return h.get() == gone; });
-        if (it != decoder_handles.end()) {
-            decoder_handles.erase(it);
+        if (it != decoder_handles_.end()) {
+            decoder_handles_.erase(it);
         }
     }
-    purge_list.clear();
+    purge_list_.clear();
 }
 
 MediaServer::~MediaServer() {
     // No connection can be accepted or classified from here on.
-    listen_handle.reset();
+    listen_handle_.reset();
     // The session client's socket is closed before any decoder is destroyed.
-    session_handle.reset();
+    session_handle_.reset();
     // Each worker ends, its client's connection with it: a picture takes milliseconds.
     const auto deadline = std::chrono::steady_clock::now() + kWorkerEndBound;
-    for (auto& handle : decoder_handles) {
+    for (auto& handle : decoder_handles_) {
         handle->signal_quit();
     }
-    for (auto& handle : decoder_handles) {
+    for (auto& handle : decoder_handles_) {
         handle->wait_for_end(deadline);
         handle.reset();
     }
-    decoder_handles.clear();
+    decoder_handles_.clear();
 }

@@ -11,7 +11,7 @@
 //
 // Why things are ordered as they are:
 // - No handle is destroyed inside its own callback. A session or decoder client that ends feeds an
-//   event to a never-started watcher (session_terminate_io, decoder_purge_io); its callback runs
+//   event to a never-started watcher (session_terminate_io_, decoder_purge_io_); its callback runs
 //   later in the same loop iteration, after the handler has returned, and does the destruction.
 //   (A pending connection is the exception: its watcher does nothing after the handler that drops
 //   it, so the handler drops it at once.)
@@ -183,13 +183,13 @@ class MediaServer {
                                                    bool is_ashmem);
 
     // All of it on the loop thread.
-    std::string socket_path;
-    UniqueFd worker_program;
-    std::unique_ptr<listen_handle_t> listen_handle;
-    std::unique_ptr<session_handle_t> session_handle;
-    std::vector<std::unique_ptr<decoder_handle_t>> decoder_handles;
-    std::unique_ptr<ev::io> session_terminate_io;
-    std::unique_ptr<ev::io> decoder_purge_io;
-    std::vector<const decoder_handle_t*> purge_list;
-    std::function<void()> stopped_callback;
+    std::string socket_path_;
+    UniqueFd worker_program_;
+    std::unique_ptr<listen_handle_t> listen_handle_;
+    std::unique_ptr<session_handle_t> session_handle_;
+    std::vector<std::unique_ptr<decoder_handle_t>> decoder_handles_;
+    std::unique_ptr<ev::io> session_terminate_io_;
+    std::unique_ptr<ev::io> decoder_purge_io_;
+    std::vector<const decoder_handle_t*> purge_list_;
+    std::function<void()> stopped_callback_;
 };
