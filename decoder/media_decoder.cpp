@@ -24,7 +24,8 @@ using namespace mediaclient::protocol;
 #define LOG_MODULE "media decoder"
 #define LOG_FILE "media_decoder"
 
-MediaDecoder::MediaDecoder(int fd, bool is_ashmem, int client) : shm_fd(fd), client_number(client) {
+MediaDecoder::MediaDecoder(int fd, bool is_ashmem, int client)
+    : shm_fd_(fd), client_number_(client) {
     if (!is_ashmem) {
         // Mapping past the end of a smaller object would fault on first access.
         struct stat st;
@@ -33,28 +34,28 @@ MediaDecoder::MediaDecoder(int fd, bool is_ashmem, int client) : shm_fd(fd), cli
             return;
         }
         void* mapped = mmap(nullptr, SHM_BLOCK_SIZE, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        block = static_cast<uint8_t*>(mapped);
+        block_ = static_cast<uint8_t*>(mapped);
         if (mapped == MAP_FAILED) {
             LOGE("map shared memory failed: [%d] %s", errno, strerror(errno));
             return;
         }
     } else {
-        ashmem.reset(new AshMemory(shm_fd.release()));
-        block = static_cast<uint8_t*>(ashmem->MapMemory());
-        if (block == nullptr) {
+        ashmem_.reset(new AshMemory(shm_fd_.release()));
+        block_ = static_cast<uint8_t*>(ashmem_->MapMemory());
+        if (block_ == nullptr) {
             LOGE("failed mapping android shared memory");
             return;
         }
-        if (ashmem->size() < SHM_BLOCK_SIZE) {
-            LOGE("shared memory too small: %ld bytes", static_cast<long>(ashmem->size()));
+        if (ashmem_->size() < SHM_BLOCK_SIZE) {
+            LOGE("shared memory too small: %ld bytes", static_cast<long>(ashmem_->size()));
             return;
         }
     }
-    guard_slot = ShmGuard::add(block, ashmem ? ashmem->size() : SHM_BLOCK_SIZE);
-    codec.reset(new MediaCodec(
-        {reinterpret_cast<ExchangeResult*>(block + SHM_RESULT_OFFSET), block + SHM_OUTPUT_OFFSET,
+    guard_slot_ = ShmGuard::add(block_, ashmem_ ? ashmem_->size() : SHM_BLOCK_SIZE);
+    codec_.reset(new MediaCodec(
+        {reinterpret_cast<ExchangeResult*>(block_ + SHM_RESULT_OFFSET), block_ + SHM_OUTPUT_OFFSET,
          [this](size_t used) { clear_output_after(used); }},
-        MemoryBudget::service(), &devices));
+        MemoryBudget::service(), &devices_));
     valid_ = true;
     name_worker();
 }
@@ -93,13 +94,13 @@ int OpenedDevices::create_device(AVBufferRef** device, AVHWDeviceType type) cons
 
 MediaDecoder::~MediaDecoder() {
     LOGD("ummapping shared memory");  // sic: verbatim log text
-    ShmGuard::remove(guard_slot);
-    if (ashmem) {
-        ashmem.reset();
-    } else if (block != nullptr && block != MAP_FAILED) {
-        munmap(block, SHM_BLOCK_SIZE);
+    ShmGuard::remove(guard_slot_);
+    if (ashmem_) {
+        ashmem_.reset();
+    } else if (block_ != nullptr && block_ != MAP_FAILED) {
+        munmap(block_, SHM_BLOCK_SIZE);
     }
-    codec.reset();
+    codec_.reset();
 }
 
 bool MediaDecoder::serve_request() {
@@ -116,7 +117,7 @@ bool MediaDecoder::serve_request() {
 // The request header's fields, by request, into the codec's calls; the bytes they name lie at the
 // start of the input area.
 bool MediaDecoder::dispatch(uint32_t request_type) {
-    const uint8_t* input = block + SHM_INPUT_OFFSET;
+    const uint8_t* input = block_ + SHM_INPUT_OFFSET;
     switch (request_type) {
         case REQUEST_INIT_CODEC:
             return init_codec();
@@ -125,17 +126,17 @@ bool MediaDecoder::dispatch(uint32_t request_type) {
             break;
         case REQUEST_DECODE_FRAME: {
             const auto r = read_request<ExchangeDataRequest>(0);
-            codec->decode_frame(input, r.data_size, r.pts);
+            codec_->decode_frame(input, r.data_size, r.pts);
             break;
         }
         case REQUEST_FLUSH:
-            codec->flush();
+            codec_->flush();
             break;
         case REQUEST_CODEC_CONFIG:
-            codec->codec_config(input, read_request<ExchangeDataRequest>(0).data_size);
+            codec_->codec_config(input, read_request<ExchangeDataRequest>(0).data_size);
             break;
         case REQUEST_DESTROY_CONTEXT:
-            codec->destroy_context();
+            codec_->destroy_context();
             break;
         default:
             LOGW("unknown client request type, stop further processing");
@@ -150,7 +151,7 @@ bool MediaDecoder::dispatch(uint32_t request_type) {
 bool MediaDecoder::init_codec() {
     MediaCodec::Setup setup;
     setup.media_type = static_cast<int32_t>(read_request<uint32_t>(REQ_MEDIA_TYPE_OFFSET));
-    setup.config = block + SHM_INPUT_OFFSET;
+    setup.config = block_ + SHM_INPUT_OFFSET;
     if (setup.media_type == MEDIA_TYPE_VIDEO) {
         const auto r = read_request<ExchangeVideoInit>(0);
         setup.codec_id = table_codec_id(MEDIA_TYPE_VIDEO, r.codec_index);
@@ -174,7 +175,7 @@ bool MediaDecoder::init_codec() {
         a.out_channels = r.out_channels;
         a.out_sample_rate = r.out_sample_rate;
     }
-    return codec->init(setup);
+    return codec_->init(setup);
 }
 
 // A reset's new output, read as either media type's view: the codec takes the one in use.
@@ -188,25 +189,26 @@ void MediaDecoder::reset_codec() {
     output.audio.out_sample_fmt = a.out_sample_fmt;
     output.audio.out_channels = a.out_channels;
     output.audio.out_sample_rate = a.out_sample_rate;
-    codec->reset(output);
+    codec_->reset(output);
 }
 
 // Names the worker after its client and its work, for top, ps and /proc/PID/comm:
 // "dec7" without a decoder, "dec7 h264 sw" or "dec7 h264 vdpau" (where the video decodes),
 // "dec3 aac". The kernel keeps 15 characters; the thread is renamed only when the name changes.
 void MediaDecoder::name_worker() {
-    const std::string work = codec->work();
-    char name[sizeof(worker_name)];
-    snprintf(name, sizeof(name), "dec%d%s%s", client_number, work.empty() ? "" : " ", work.c_str());
-    if (strcmp(name, worker_name) != 0) {
-        memcpy(worker_name, name, sizeof(name));
+    const std::string work = codec_->work();
+    char name[sizeof(worker_name_)];
+    snprintf(name, sizeof(name), "dec%d%s%s", client_number_, work.empty() ? "" : " ",
+             work.c_str());
+    if (strcmp(name, worker_name_) != 0) {
+        memcpy(worker_name_, name, sizeof(name));
         pthread_setname_np(pthread_self(), name);
         SvcLogSetWork(work.c_str());
     }
 }
 
 bool MediaDecoder::check_block_lost() {
-    if (!lost_ && ShmGuard::lost(guard_slot)) {
+    if (!lost_ && ShmGuard::lost(guard_slot_)) {
         LOGE("shared memory block lost, dropping decoder client");
         lost_ = true;
     }
@@ -225,7 +227,7 @@ void MediaDecoder::clear_output_after(size_t used) {
     // x86-64 and arm64 kernels (4, 16 or 64 KiB).
     static_assert(SHM_OUTPUT_OFFSET % 0x10000 == 0 && SHM_AREA_SIZE % 0x10000 == 0,
                   "output area aligned to 64 KiB");
-    uint8_t* area = block + SHM_OUTPUT_OFFSET;
+    uint8_t* area = block_ + SHM_OUTPUT_OFFSET;
     const size_t boundary = std::min((used + page - 1) / page * page, SHM_AREA_SIZE);
     memset(area + used, 0, boundary - used);
     if (boundary < SHM_AREA_SIZE &&
@@ -239,10 +241,10 @@ void MediaDecoder::clear_output_after(size_t used) {
 // object). The descriptor comes first because user-mode emulators answer madvise with success
 // without doing anything.
 bool MediaDecoder::release_pages(size_t offset, size_t length) {
-    const int fd = ashmem ? ashmem->fd() : shm_fd.get();
+    const int fd = ashmem_ ? ashmem_->fd() : shm_fd_.get();
     if (fd >= 0 && fallocate(fd, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
                              static_cast<off_t>(offset), static_cast<off_t>(length)) == 0) {
         return true;
     }
-    return madvise(block + offset, length, MADV_REMOVE) == 0;
+    return madvise(block_ + offset, length, MADV_REMOVE) == 0;
 }

@@ -67,18 +67,18 @@ class MediaDecoder {
     template <typename T>
     T read_request(size_t offset) const {
         T value;
-        memcpy(&value, block + mediaclient::protocol::SHM_REQUEST_OFFSET + offset, sizeof(T));
+        memcpy(&value, block_ + mediaclient::protocol::SHM_REQUEST_OFFSET + offset, sizeof(T));
         return value;
     }
 
     bool valid_ = false;
     bool lost_ = false;
-    UniqueFd shm_fd;
-    uint8_t* block = nullptr;
-    std::unique_ptr<AshMemory> ashmem;
-    int guard_slot = -1;
-    int client_number = -1;
-    OpenedDevices devices;  // outlives the codec, whose contexts refer to them
-    std::unique_ptr<MediaCodec> codec;
-    char worker_name[16] = {};  // the name last given to the worker
+    UniqueFd shm_fd_;
+    uint8_t* block_ = nullptr;
+    std::unique_ptr<AshMemory> ashmem_;
+    int guard_slot_ = -1;
+    int client_number_ = -1;
+    OpenedDevices devices_;  // outlives the codec, whose contexts refer to them
+    std::unique_ptr<MediaCodec> codec_;
+    char worker_name_[16] = {};  // the name last given to the worker
 };
