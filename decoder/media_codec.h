@@ -80,6 +80,30 @@ class MediaCodec {
         int32_t out_channels = 0;
         int32_t out_sample_rate = 0;
     };
+    // The fields of anything that names them as a client's init does: the block's views, the
+    // library's parameters. The one place a new field is copied.
+    template <typename Named>
+    static VideoSetup video_setup_of(const Named& n) {
+        VideoSetup v;
+        v.coded_width = n.coded_width;
+        v.coded_height = n.coded_height;
+        v.coded_pix_fmt = n.coded_pix_fmt;
+        v.out_width = n.out_width;
+        v.out_height = n.out_height;
+        v.out_pix_fmt = n.out_pix_fmt;
+        return v;
+    }
+    template <typename Named>
+    static AudioSetup audio_setup_of(const Named& n) {
+        AudioSetup a;
+        a.in_sample_fmt = n.in_sample_fmt;
+        a.in_channels = n.in_channels;
+        a.in_sample_rate = n.in_sample_rate;
+        a.out_sample_fmt = n.out_sample_fmt;
+        a.out_channels = n.out_channels;
+        a.out_sample_rate = n.out_sample_rate;
+        return a;
+    }
     // One setup, for an init and a reset alike.
     struct Setup {
         int32_t media_type = mediaclient::protocol::MEDIA_TYPE_NONE;

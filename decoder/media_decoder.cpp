@@ -156,24 +156,12 @@ bool MediaDecoder::init_codec() {
         const auto r = read_request<ExchangeVideoInit>(0);
         setup.codec_id = table_codec_id(MEDIA_TYPE_VIDEO, r.codec_index);
         setup.config_size = r.config_size;
-        MediaCodec::VideoSetup& v = setup.video;
-        v.coded_width = r.coded_width;
-        v.coded_height = r.coded_height;
-        v.coded_pix_fmt = r.coded_pix_fmt;
-        v.out_width = r.out_width;
-        v.out_height = r.out_height;
-        v.out_pix_fmt = r.out_pix_fmt;
+        setup.video = MediaCodec::video_setup_of(r);
     } else if (setup.media_type == MEDIA_TYPE_AUDIO) {
         const auto r = read_request<ExchangeAudioInit>(0);
         setup.codec_id = table_codec_id(MEDIA_TYPE_AUDIO, r.codec_index);
         setup.config_size = r.config_size;
-        MediaCodec::AudioSetup& a = setup.audio;
-        a.in_sample_fmt = r.in_sample_fmt;
-        a.in_channels = r.in_channels;
-        a.in_sample_rate = r.in_sample_rate;
-        a.out_sample_fmt = r.out_sample_fmt;
-        a.out_channels = r.out_channels;
-        a.out_sample_rate = r.out_sample_rate;
+        setup.audio = MediaCodec::audio_setup_of(r);
     }
     return codec_->init(setup);
 }

@@ -98,26 +98,14 @@ MediaCodec::Setup setup_of(int32_t media_type, int codec_id, const std::vector<u
 bool InProcessDecoder::init_video(int codec_id, const mediaclient::VideoInitParams& p,
                                   const std::vector<uint8_t>& config) {
     MediaCodec::Setup setup = setup_of(MEDIA_TYPE_VIDEO, codec_id, config);
-    MediaCodec::VideoSetup& v = setup.video;
-    v.coded_width = p.coded_width;
-    v.coded_height = p.coded_height;
-    v.coded_pix_fmt = p.coded_pix_fmt;
-    v.out_width = p.out_width;
-    v.out_height = p.out_height;
-    v.out_pix_fmt = p.out_pix_fmt;
+    setup.video = MediaCodec::video_setup_of(p);
     return codec_->init(setup);
 }
 
 bool InProcessDecoder::init_audio(int codec_id, const mediaclient::AudioInitParams& p,
                                   const std::vector<uint8_t>& config) {
     MediaCodec::Setup setup = setup_of(MEDIA_TYPE_AUDIO, codec_id, config);
-    MediaCodec::AudioSetup& a = setup.audio;
-    a.in_sample_fmt = p.in_sample_fmt;
-    a.in_channels = p.in_channels;
-    a.in_sample_rate = p.in_sample_rate;
-    a.out_sample_fmt = p.out_sample_fmt;
-    a.out_channels = p.out_channels;
-    a.out_sample_rate = p.out_sample_rate;
+    setup.audio = MediaCodec::audio_setup_of(p);
     return codec_->init(setup);
 }
 
