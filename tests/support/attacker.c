@@ -1,14 +1,14 @@
-/* The attacker of the confinement tests: code that a decoder bug has smuggled into the daemon.
- * Preloaded with the test hooks, it wraps avcodec_send_packet, and on a packet that reads
- * "ATTACK <action>" tries that action from the client's worker, inside the call, where such code
- * would run. Each attempt's outcome goes to standard error (the daemon's log in the tests) as
- * "attack: <action> refused <errno>\n" or "attack: <action> SUCCEEDED\n": a confined worker can
- * open no file of the test's. An action that the kernel answers by ending the worker writes
- * nothing; the test sees the worker end by its signal.
- *
- * What the actions reach comes from the daemon's environment: HOME (a folder of the test's with a
- * file "secret"), SVC_TEST_ATTACK_PID (another process of the user's), SVC_TEST_ATTACK_ADDR (an
- * address in that process) and SVC_TEST_ATTACK_SHM (a POSIX shared memory object of the user's). */
+// The attacker of the confinement tests: code that a decoder bug has smuggled into the daemon.
+// Preloaded with the test hooks, it wraps avcodec_send_packet, and on a packet that reads
+// "ATTACK <action>" tries that action from the client's worker, inside the call, where such code
+// would run. Each attempt's outcome goes to standard error (the daemon's log in the tests) as
+// "attack: <action> refused <errno>\n" or "attack: <action> SUCCEEDED\n": a confined worker can
+// open no file of the test's. An action that the kernel answers by ending the worker writes
+// nothing; the test sees the worker end by its signal.
+//
+// What the actions reach comes from the daemon's environment: HOME (a folder of the test's with a
+// file "secret"), SVC_TEST_ATTACK_PID (another process of the user's), SVC_TEST_ATTACK_ADDR (an
+// address in that process) and SVC_TEST_ATTACK_SHM (a POSIX shared memory object of the user's).
 
 #ifndef _GNU_SOURCE
 #define _GNU_SOURCE
@@ -50,7 +50,7 @@ static pid_t victim(void) {
     return pid != NULL ? (pid_t)atoi(pid) : -1;
 }
 
-/* A file in the test's "home"; a negative errno when it cannot be opened. */
+// A file in the test's "home"; a negative errno when it cannot be opened.
 static int open_home(const char* name, int flags) {
     char path[4096];
     snprintf(path, sizeof(path), "%s/%s", getenv("HOME") ? getenv("HOME") : "/nonexistent", name);
@@ -70,7 +70,7 @@ static int new_process(unsigned long flags) {
     return pid > 0 ? (waitpid((pid_t)pid, NULL, 0), 0) : -errno;
 }
 
-/* Hands a descriptor of the home folder to the client over the worker's connection to it. */
+// Hands a descriptor of the home folder to the client over the worker's connection to it.
 static int send_home(void) {
     int home = open(getenv("HOME") ? getenv("HOME") : "/", O_PATH | O_CLOEXEC);
     if (home < 0) {
@@ -102,7 +102,7 @@ static int send_home(void) {
     return ret;
 }
 
-/* Accepts on any descriptor that might be a listening socket. */
+// Accepts on any descriptor that might be a listening socket.
 static int accept_any(void) {
     int ret = -EBADF;
     for (int fd = 0; fd < 64 && ret != 0; ++fd) {
@@ -112,7 +112,7 @@ static int accept_any(void) {
     return ret;
 }
 
-/* Makes descriptors until none is left. */
+// Makes descriptors until none is left.
 static int descriptors(void) {
     int fds[20000];
     int n = 0, ret = 0;
@@ -176,7 +176,7 @@ static int attack_more(const char* action) {
     return -ENOSYS;
 }
 
-/* Each action returns 0 when it succeeded, else the negative errno it failed with. */
+// Each action returns 0 when it succeeded, else the negative errno it failed with.
 static int attack(const char* action) {
     char* const argv[] = {(char*)"true", NULL};
     if (strcmp(action, "execve") == 0) {

@@ -1,16 +1,16 @@
-/* Test hooks for the daemon under test only: preloaded with testhooks.c, never compiled into a
- * test program, where a sanitizer's runtime would meet them before it is set up.
- *
- * - sysconf(_SC_PHYS_PAGES): with SVC_TEST_MEMORY set, the host has that many bytes of memory, so
- *   that a test gets a small memory budget wherever it runs (a cgroup limit below it would still
- *   count, but no test machine has one that small).
- * - syslog(): with SVC_TEST_SYSLOG set, each line goes to standard error instead (the daemon's log
- *   in the tests), as "syslog: <priority> <text>\n" in one write, so that a test can read what the
- *   system log would have received.
- * - sd_journal_sendv(): with SVC_TEST_JOURNAL set, the journal runs: each entry goes to standard
- *   error the same way, its other fields after the message, each behind a tab:
- *   "syslog: <PRIORITY> <MESSAGE>\tCLIENT=7\tCODEC=h264\n". Without it the real journal is
- *   asked, and the syslog() hook sees what the service writes where it is absent. */
+// Test hooks for the daemon under test only: preloaded with testhooks.c, never compiled into a
+// test program, where a sanitizer's runtime would meet them before it is set up.
+//
+// - sysconf(_SC_PHYS_PAGES): with SVC_TEST_MEMORY set, the host has that many bytes of memory, so
+//   that a test gets a small memory budget wherever it runs (a cgroup limit below it would still
+//   count, but no test machine has one that small).
+// - syslog(): with SVC_TEST_SYSLOG set, each line goes to standard error instead (the daemon's log
+//   in the tests), as "syslog: <priority> <text>\n" in one write, so that a test can read what the
+//   system log would have received.
+// - sd_journal_sendv(): with SVC_TEST_JOURNAL set, the journal runs: each entry goes to standard
+//   error the same way, its other fields after the message, each behind a tab:
+//   "syslog: <PRIORITY> <MESSAGE>\tCLIENT=7\tCODEC=h264\n". Without it the real journal is
+//   asked, and the syslog() hook sees what the service writes where it is absent.
 
 #ifndef _GNU_SOURCE
 #define _GNU_SOURCE
@@ -64,7 +64,7 @@ void syslog(int priority, const char* format, ...) {
     va_end(args);
 }
 
-/* What a caller built with _FORTIFY_SOURCE calls instead. */
+// What a caller built with _FORTIFY_SOURCE calls instead.
 void __syslog_chk(int priority, int flag, const char* format, ...) {
     (void)flag;
     va_list args;
@@ -73,7 +73,7 @@ void __syslog_chk(int priority, int flag, const char* format, ...) {
     va_end(args);
 }
 
-/* The field `name` of an entry ("PRIORITY="), its value; NULL when the entry has none. */
+// The field `name` of an entry ("PRIORITY="), its value; NULL when the entry has none.
 static const char* svc_hook_field(const struct iovec* iov, int n, const char* name, int* length) {
     for (int i = 0; i < n; ++i) {
         if (strncmp((const char*)iov[i].iov_base, name, strlen(name)) == 0) {

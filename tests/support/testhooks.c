@@ -1,20 +1,20 @@
-/* Test hooks, preloaded into the daemon under test (LD_PRELOAD) and compiled into the ashmem test
- * program and the fuzz target. The production binary is never changed for tests; these
- * replacements stand in for what a test machine lacks or what would hide the process from the
- * test:
- *
- * - daemon(): neither forks nor touches the standard streams, so the test keeps the process as
- *   its child and reads its log. It records its arguments ("<nochdir> <noclose>\n") in the file
- *   named by SVC_TEST_DAEMON_ARGS when that is set, and still honours nochdir.
- * - ioctl(): answers the ashmem driver's ASHMEM_GET_SIZE (the size of the file) and ASHMEM_SET_SIZE
- *   (ftruncate) on memfd descriptors, which stand in for ashmem regions; every other request, and
- *   every other descriptor, goes to the kernel unchanged.
- * - fallocate()/madvise(): with SVC_TEST_REFUSE_PAGE_RELEASE set, punching a hole and
- *   MADV_REMOVE fail with EPERM, as they do on a sealed object on some kernels and not on others.
- * The preloaded library also has host_hooks.c (the host's memory and system log as the daemon
- * sees them) and attacker.c (the confinement test's attacker), which test programs leave out.
- *
- * The file compiles as C and as C++. */
+// Test hooks, preloaded into the daemon under test (LD_PRELOAD) and compiled into the ashmem test
+// program and the fuzz target. The production binary is never changed for tests; these
+// replacements stand in for what a test machine lacks or what would hide the process from the
+// test:
+//
+// - daemon(): neither forks nor touches the standard streams, so the test keeps the process as
+//   its child and reads its log. It records its arguments ("<nochdir> <noclose>\n") in the file
+//   named by SVC_TEST_DAEMON_ARGS when that is set, and still honours nochdir.
+// - ioctl(): answers the ashmem driver's ASHMEM_GET_SIZE (the size of the file) and ASHMEM_SET_SIZE
+//   (ftruncate) on memfd descriptors, which stand in for ashmem regions; every other request, and
+//   every other descriptor, goes to the kernel unchanged.
+// - fallocate()/madvise(): with SVC_TEST_REFUSE_PAGE_RELEASE set, punching a hole and
+//   MADV_REMOVE fail with EPERM, as they do on a sealed object on some kernels and not on others.
+// The preloaded library also has host_hooks.c (the host's memory and system log as the daemon
+// sees them) and attacker.c (the confinement test's attacker), which test programs leave out.
+//
+// The file compiles as C and as C++.
 
 #ifndef _GNU_SOURCE
 #define _GNU_SOURCE
@@ -102,7 +102,7 @@ static int svc_hook_fallocate(int fd, int mode, off64_t offset, off64_t length) 
     return (int)syscall(SYS_fallocate, fd, mode, offset, length);
 }
 
-/* Both names: a caller built with 64-bit file offsets on a 32-bit system calls the second. */
+// Both names: a caller built with 64-bit file offsets on a 32-bit system calls the second.
 int fallocate(int fd, int mode, off_t offset, off_t length) {
     return svc_hook_fallocate(fd, mode, offset, length);
 }
