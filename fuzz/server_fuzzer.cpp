@@ -46,6 +46,8 @@ extern "C" {
 #include "client/media_client.h"
 #include "server/media_server.h"
 
+using namespace mediaclient::protocol;
+
 namespace {
 
 constexpr int kMaxOps = 64;
