@@ -22,6 +22,15 @@ using namespace mediaclient::protocol;
 
 namespace {
 
+// The first record of a connection, once received: what the client asks to be, and what its
+// ancillary data brought.
+struct ClientTypeMsg {
+    uint8_t client_type = 0;
+    char shm_name[SHM_NAME_MAX + 1] = {};  // type 3: the POSIX shared memory object's name
+    UniqueFd shm_fd;                       // the one descriptor passed; none when two came
+    int session_pid = -1;                  // from the sender's credentials
+};
+
 // Space of one SCM_CREDENTIALS and one SCM_RIGHTS message with one or two descriptors: the only
 // control data a well-formed client type msg carries.
 constexpr size_t CLIENT_CONTROL_SIZE = 56;
@@ -72,8 +81,7 @@ UniqueFd take_received_fd(std::vector<UniqueFd>& owners, int fd) {
 
 // Reads the control messages of a well-formed record: the one descriptor passed (two are closed
 // with the other received ones and count as none) and the sender's pid from its credentials.
-void read_ancillary_data(msghdr& msg, std::vector<UniqueFd>& received_fds,
-                         MediaServer::client_type_msg_t* out) {
+void read_ancillary_data(msghdr& msg, std::vector<UniqueFd>& received_fds, ClientTypeMsg* out) {
     int shm_fd = -1;
     for (cmsghdr* cmsg = CMSG_FIRSTHDR(&msg); cmsg != nullptr; cmsg = CMSG_NXTHDR(&msg, cmsg)) {
         if (cmsg->cmsg_level != SOL_SOCKET) {
@@ -102,7 +110,7 @@ void read_ancillary_data(msghdr& msg, std::vector<UniqueFd>& received_fds,
 // Receives the first record of a pending connection. False, with the reason logged, when there is
 // no usable message: the connection is then dropped. Every descriptor that came with the record
 // is owned from the moment it is received; all but the one handed on in `msg` are closed here.
-bool receive_client_type_msg(int fd, MediaServer::client_type_msg_t* msg) {
+bool receive_client_type_msg(int fd, ClientTypeMsg* msg) {
     uint8_t header[CLIENT_HEADER_SIZE] = {};
     alignas(cmsghdr) uint8_t control[CLIENT_CONTROL_SIZE] = {};
     iovec iov[2];
@@ -145,20 +153,31 @@ bool same_object(int a, int b) {
            sa.st_ino == sb.st_ino;
 }
 
-}  // namespace
-
-std::unique_ptr<MediaServer::pending_io_t> MediaServer::take_pending(int fd) {
-    auto& pending = listen_handle_->pending_ios;
-    auto it =
-        std::find_if(pending.begin(), pending.end(),
-                     [fd](const std::unique_ptr<pending_io_t>& p) { return p->fd.get() == fd; });
-    if (it == pending.end()) {
-        return nullptr;
+// The shared memory descriptor of a decoder client; none, with the reason logged, when none.
+// Type 2: the descriptor passed. Type 3: the object opened by name, which must be the object of
+// the descriptor passed, so that a client can map only an object it holds; another object of the
+// user's is refused without being mapped.
+UniqueFd shared_memory_of(ClientTypeMsg& msg) {
+    if (!msg.shm_fd.valid()) {
+        LOGE("no ashmem file descriptor or posix shared memory descriptor sent with msg");
+        return UniqueFd();
     }
-    std::unique_ptr<pending_io_t> taken = std::move(*it);
-    pending.erase(it);
-    return taken;
+    if (msg.client_type == CLIENT_TYPE_ASHMEM_DECODER) {
+        return std::move(msg.shm_fd);
+    }
+    UniqueFd named(shm_open(msg.shm_name, O_RDWR | O_CLOEXEC, 0600));
+    int error = errno;
+    if (named.valid() && !same_object(named.get(), msg.shm_fd.get())) {
+        named.reset();
+        error = EACCES;
+    }
+    if (!named.valid()) {
+        LOGE("shared memory object open failed: [%d] %s", error, strerror(error));
+    }
+    return named;
 }
+
+}  // namespace
 
 // The connection is taken out of the pending list once, here, and either handed on to a
 // registration or dropped when the handler returns: its watcher is not touched after that.
@@ -167,7 +186,7 @@ void MediaServer::on_pending_io_event(ev::io& io, int revents) {
     LogClientScope log_client(fd);
     LOGD("client io event: sock#[%d]", fd);
 
-    std::unique_ptr<pending_io_t> pending = take_pending(fd);
+    std::unique_ptr<pending_io_t> pending = listen_handle_->take_pending(fd);
     if (!pending) {
         LOGE("unknown client message received, disconnecting...");
         io.stop();
@@ -179,11 +198,11 @@ void MediaServer::on_pending_io_event(ev::io& io, int revents) {
             LOGE("pending io event error");
             return;
         }
-        listen_handle_->pending_ios.push_back(std::move(pending));  // nothing for it yet
+        listen_handle_->keep_pending(std::move(pending));  // nothing for it yet
         return;
     }
 
-    client_type_msg_t msg;
+    ClientTypeMsg msg;
     if (!receive_client_type_msg(fd, &msg)) {
         return;
     }
@@ -193,7 +212,8 @@ void MediaServer::on_pending_io_event(ev::io& io, int revents) {
             break;
         case CLIENT_TYPE_ASHMEM_DECODER:
         case CLIENT_TYPE_SHM_DECODER:
-            register_decoder(std::move(pending), std::move(msg));
+            register_decoder(std::move(pending), msg.session_pid, shared_memory_of(msg),
+                             msg.client_type == CLIENT_TYPE_ASHMEM_DECODER);
             break;
         default:
             LOGE("unknown client type message received");
@@ -210,47 +230,21 @@ void MediaServer::register_session(std::unique_ptr<pending_io_t> pending, int se
         LOGE("no session pid sent with msg");
         return;
     }
-    session_handle_ = std::make_unique<session_handle_t>(
-        session_pid, std::move(pending->fd), std::move(pending->io), [this] {
-            if (session_terminate_io_) {
-                ev_feed_event(EV_DEFAULT_UC, session_terminate_io_.get(), EV_READ);
-            }
-        });
-}
-
-// Type 2: the descriptor passed. Type 3: the object opened by name, which must be the object of
-// the descriptor passed, so that a client can map only an object it holds; another object of the
-// user's is refused without being mapped.
-UniqueFd MediaServer::shared_memory_of(client_type_msg_t& msg) {
-    if (msg.client_type == CLIENT_TYPE_ASHMEM_DECODER) {
-        return std::move(msg.shm_fd);
-    }
-    UniqueFd named(shm_open(msg.shm_name, O_RDWR | O_CLOEXEC, 0600));
-    int error = errno;
-    if (named.valid() && !same_object(named.get(), msg.shm_fd.get())) {
-        named.reset();
-        error = EACCES;
-    }
-    if (!named.valid()) {
-        LOGE("shared memory object open failed: [%d] %s", error, strerror(error));
-    }
-    return named;
+    session_handle_ = std::make_unique<session_handle_t>(session_pid, pending->release(), [this] {
+        if (session_terminate_io_) {
+            ev_feed_event(EV_DEFAULT_UC, session_terminate_io_.get(), EV_READ);
+        }
+    });
 }
 
 // The client's connection and block go to its worker; this process keeps neither.
-void MediaServer::register_decoder(std::unique_ptr<pending_io_t> pending, client_type_msg_t msg) {
-    if (!msg.shm_fd.valid()) {
-        LOGE("no ashmem file descriptor or posix shared memory descriptor sent with msg");
-        return;
-    }
-    UniqueFd block = shared_memory_of(msg);
+void MediaServer::register_decoder(std::unique_ptr<pending_io_t> pending, pid_t client_pid,
+                                   UniqueFd block, bool is_ashmem) {
     if (!block.valid()) {
         return;
     }
-    pending->io->stop();
     std::unique_ptr<decoder_handle_t> handle =
-        start_worker(pending->fd.get(), msg.session_pid, std::move(block),
-                     msg.client_type == CLIENT_TYPE_ASHMEM_DECODER);
+        start_worker(pending->fd(), client_pid, std::move(block), is_ashmem);
     if (!handle) {
         LOGE("decoder instance create failed");
         return;

@@ -29,20 +29,10 @@ constexpr std::chrono::seconds kWorkerEndBound(10);
 
 MediaServer::MediaServer(const std::string& path, UniqueFd program)
     : socket_path_(path),
-      worker_program_(program.valid() ? std::move(program) : worker_launch::open_own_program()),
-      listen_handle_(new listen_handle_t) {
+      worker_program_(program.valid() ? std::move(program) : worker_launch::open_own_program()) {
     UniqueFd fd = listen();
     if (fd.valid()) {
-        listen_handle_->fd = std::move(fd);
-        listen_handle_->io.reset(new ev::io());
-        listen_handle_->io->set<MediaServer, &MediaServer::on_server_listen_event>(this);
-        listen_handle_->io->set(listen_handle_->fd.get(), EV_READ);
-        listen_handle_->io->start();
-
-        listen_handle_->accept_retry_timer.reset(new ev::timer());
-        listen_handle_->accept_retry_timer
-            ->set<MediaServer, &MediaServer::on_accept_retry_timer_event>(this);
-
+        listen_handle_ = std::make_unique<listen_handle_t>(std::move(fd), this);
         session_terminate_io_.reset(new ev::io());
         session_terminate_io_->set<MediaServer, &MediaServer::on_session_terminate_io_event>(this);
     }
@@ -96,16 +86,37 @@ UniqueFd MediaServer::listen() {
     return fd;
 }
 
-void MediaServer::on_server_listen_event(ev::io& watcher, int /*revents*/) {
+MediaServer::pending_io_t::pending_io_t(UniqueFd fd, MediaServer* server) : fd_(std::move(fd)) {
+    io_.set<MediaServer, &MediaServer::on_pending_io_event>(server);
+    io_.start(fd_.get(), EV_READ);
+}
+
+UniqueFd MediaServer::pending_io_t::release() {
+    io_.stop();
+    return std::move(fd_);
+}
+
+MediaServer::listen_handle_t::listen_handle_t(UniqueFd fd, MediaServer* server)
+    : server_(server), fd_(std::move(fd)) {
+    io_.set<listen_handle_t, &listen_handle_t::on_listen_event>(this);
+    io_.start(fd_.get(), EV_READ);
+    accept_retry_timer_.set<listen_handle_t, &listen_handle_t::on_accept_retry_timer_event>(this);
+}
+
+void MediaServer::listen_handle_t::stop() {
+    io_.stop();
+    accept_retry_timer_.stop();
+}
+
+void MediaServer::listen_handle_t::on_listen_event(ev::io& watcher, int /*revents*/) {
     const int client = retry_on_eintr([&] { return accept(watcher.fd, nullptr, nullptr); });
     if (client < 0) {
         int err = errno;
         LOGE("media server accept failed: [%d] %s", err, strerror(err));
         // Out of descriptors or memory the backlog stays readable: pause instead of spinning.
-        if ((err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM) &&
-            listen_handle_->accept_retry_timer) {
+        if (err == EMFILE || err == ENFILE || err == ENOBUFS || err == ENOMEM) {
             watcher.stop();
-            listen_handle_->accept_retry_timer->start(ACCEPT_RETRY_DELAY, 0.0);
+            accept_retry_timer_.start(ACCEPT_RETRY_DELAY, 0.0);
         }
         return;
     }
@@ -126,20 +137,27 @@ void MediaServer::on_server_listen_event(ev::io& watcher, int /*revents*/) {
         return;
     }
     LOGI("client connect: sock#[%d]", client);
-
-    std::unique_ptr<pending_io_t> pending(new pending_io_t);
-    pending->fd = std::move(client_fd);
-    pending->io.reset(new ev::io());
-    pending->io->set<MediaServer, &MediaServer::on_pending_io_event>(this);
-    pending->io->set(pending->fd.get(), EV_READ);
-    pending->io->start();
-    listen_handle_->pending_ios.push_back(std::move(pending));
+    pending_ios_.push_back(std::make_unique<pending_io_t>(std::move(client_fd), server_));
 }
 
-void MediaServer::on_accept_retry_timer_event(ev::timer& /*watcher*/, int /*revents*/) {
-    if (listen_handle_ && listen_handle_->io) {
-        listen_handle_->io->start();
+void MediaServer::listen_handle_t::on_accept_retry_timer_event(ev::timer& /*watcher*/,
+                                                               int /*revents*/) {
+    io_.start();
+}
+
+std::unique_ptr<MediaServer::pending_io_t> MediaServer::listen_handle_t::take_pending(int fd) {
+    auto it = std::find_if(pending_ios_.begin(), pending_ios_.end(),
+                           [fd](const std::unique_ptr<pending_io_t>& p) { return p->fd() == fd; });
+    if (it == pending_ios_.end()) {
+        return nullptr;
     }
+    std::unique_ptr<pending_io_t> taken = std::move(*it);
+    pending_ios_.erase(it);
+    return taken;
+}
+
+void MediaServer::listen_handle_t::keep_pending(std::unique_ptr<pending_io_t> pending) {
+    pending_ios_.push_back(std::move(pending));
 }
 
 void MediaServer::on_media_server_stopped(const std::function<void()>& callback) {
@@ -148,12 +166,7 @@ void MediaServer::on_media_server_stopped(const std::function<void()>& callback)
 
 void MediaServer::stop() {
     if (listen_handle_) {
-        if (listen_handle_->io) {
-            listen_handle_->io->stop();
-        }
-        if (listen_handle_->accept_retry_timer) {
-            listen_handle_->accept_retry_timer->stop();
-        }
+        listen_handle_->stop();
     }
     for (auto& handle : decoder_handles_) {
         handle->signal_quit();

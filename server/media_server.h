@@ -37,7 +37,6 @@
 #include <ev++.h>
 
 #include "base/unique_fd.h"
-#include "protocol/media_protocol.h"
 #include "decoder/memory_budget.h"
 
 // Program name (basename of argv[0]) of process `pid`, or an empty string when it cannot be read.
@@ -45,16 +44,6 @@ std::string get_process_exe_name(int pid);
 
 class MediaServer {
   public:
-    // The first record of a connection, once received: what the client asks to be, and what
-    // its ancillary data brought.
-    struct client_type_msg_t {
-        uint8_t client_type = 0;
-        // type 3: the POSIX shared memory object's name
-        char shm_name[mediaclient::protocol::SHM_NAME_MAX + 1] = {};
-        UniqueFd shm_fd;       // the one descriptor passed; none when two came
-        int session_pid = -1;  // from the sender's credentials
-    };
-
     // Listens on `path`; decoder clients are served by workers of `program`, by default the
     // running program, opened here (the fuzz target names the service's).
     explicit MediaServer(const std::string& path, UniqueFd program = UniqueFd());
@@ -73,38 +62,56 @@ class MediaServer {
     // order, so each watcher (which stops itself when destroyed) stops before its descriptor
     // closes, and no destructor needs to stop one.
 
-    // A connection that has not sent its client type msg: its descriptor and its read watcher,
-    // owned together from its acceptance until it registers (both move into a handle) or is
-    // dropped.
-    struct pending_io_t {
-        UniqueFd fd;
-        std::unique_ptr<ev::io> io;
-
-        pending_io_t() = default;
+    // A connection that has not sent its client type msg, from its acceptance until it registers
+    // (its descriptor moves into a handle) or is dropped; its events go to on_pending_io_event.
+    class pending_io_t {
+      public:
+        pending_io_t(UniqueFd fd, MediaServer* server);
         pending_io_t(const pending_io_t&) = delete;
         pending_io_t& operator=(const pending_io_t&) = delete;
+
+        int fd() const { return fd_.get(); }
+        // The connection, for its new owner; this one no longer watches it.
+        UniqueFd release();
+
+      private:
+        UniqueFd fd_;
+        ev::io io_;
     };
 
-    struct listen_handle_t {
-        UniqueFd fd;
-        std::unique_ptr<ev::io> io;
-        std::vector<std::unique_ptr<pending_io_t>> pending_ios;
-        // Pauses accepting for a moment when the process is out of descriptors or memory:
-        // the listening socket stays readable then, and retrying at once would spin.
-        std::unique_ptr<ev::timer> accept_retry_timer;
-
-        listen_handle_t() = default;
+    // The listening socket and the connections accepted on it that have not registered yet.
+    class listen_handle_t {
+      public:
+        listen_handle_t(UniqueFd fd, MediaServer* server);
         listen_handle_t(const listen_handle_t&) = delete;
         listen_handle_t& operator=(const listen_handle_t&) = delete;
+
+        // No connection is accepted from here on; the pending ones stay until the handle goes.
+        void stop();
+        // The pending connection of descriptor `fd`, out of the list; null when it is not there.
+        std::unique_ptr<pending_io_t> take_pending(int fd);
+        // Back into the list, for a connection that has sent nothing yet.
+        void keep_pending(std::unique_ptr<pending_io_t> pending);
+
+      private:
+        void on_listen_event(ev::io& watcher, int revents);
+        void on_accept_retry_timer_event(ev::timer& watcher, int revents);
+
+        MediaServer* const server_;
+        UniqueFd fd_;
+        ev::io io_;
+        // Pauses accepting for a moment when the process is out of descriptors or memory:
+        // the listening socket stays readable then, and retrying at once would spin.
+        ev::timer accept_retry_timer_;
+        std::vector<std::unique_ptr<pending_io_t>> pending_ios_;
     };
 
     // The registered session client, made whole from its connection; on the loop thread only.
     class session_handle_t {
       public:
-        // Pings the session client of process `pid` on `fd`, taking over the connection's read
-        // watcher `io`; `on_terminate` hears of the session's end.
-        session_handle_t(int pid, UniqueFd fd, std::unique_ptr<ev::io> io,
-                         std::function<void()> on_terminate);
+        // Pings the session client of process `pid` on `fd`; `on_terminate` hears of the
+        // session's end.
+        session_handle_t(int pid, UniqueFd fd, std::function<void()> on_terminate);
         session_handle_t(const session_handle_t&) = delete;
         session_handle_t& operator=(const session_handle_t&) = delete;
 
@@ -118,7 +125,7 @@ class MediaServer {
         bool first_ping_sent_ = false;
         double last_response_time_ = 0.0;
         UniqueFd fd_;
-        std::unique_ptr<ev::io> io_;  // after its descriptor: stops before the descriptor closes
+        ev::io io_;  // after its descriptor: stops before the descriptor closes
         ev::timer timer_;
         std::function<void()> on_terminate_;
     };
@@ -164,20 +171,14 @@ class MediaServer {
     };
 
     UniqueFd listen();
-    void on_server_listen_event(ev::io& watcher, int revents);
-    void on_accept_retry_timer_event(ev::timer& watcher, int revents);
     void on_pending_io_event(ev::io& io, int revents);
     void on_session_terminate_io_event(ev::io& watcher, int revents);
     void on_decoder_purge_io_event(ev::io& watcher, int revents);
 
-    // The pending connection of descriptor `fd`, out of the pending list; null when it is not
-    // there.
-    std::unique_ptr<pending_io_t> take_pending(int fd);
     // Each takes the connection over, or drops it with the reason logged.
     void register_session(std::unique_ptr<pending_io_t> pending, int session_pid);
-    void register_decoder(std::unique_ptr<pending_io_t> pending, client_type_msg_t msg);
-    // The shared memory descriptor of a decoder client; none, with the reason logged, when none.
-    UniqueFd shared_memory_of(client_type_msg_t& msg);
+    void register_decoder(std::unique_ptr<pending_io_t> pending, pid_t client_pid, UniqueFd block,
+                          bool is_ashmem);
     // Starts the worker of a registered decoder client; null, with the reason logged, when none.
     std::unique_ptr<decoder_handle_t> start_worker(int client, pid_t client_pid, UniqueFd block,
                                                    bool is_ashmem);

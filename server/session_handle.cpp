@@ -79,24 +79,21 @@ std::string get_process_exe_name(int pid) {
     return result;
 }
 
-MediaServer::session_handle_t::session_handle_t(int pid, UniqueFd fd, std::unique_ptr<ev::io> io,
+MediaServer::session_handle_t::session_handle_t(int pid, UniqueFd fd,
                                                 std::function<void()> on_terminate)
     : pid_(pid),
       exe_name_(get_process_exe_name(pid)),
       fd_(std::move(fd)),
-      io_(std::move(io)),
       on_terminate_(std::move(on_terminate)) {
-    io_->stop();
-    io_->set<session_handle_t, &session_handle_t::on_session_io_event>(this);
-    io_->set(fd_.get(), EV_READ);
-    io_->start();
+    io_.set<session_handle_t, &session_handle_t::on_session_io_event>(this);
+    io_.start(fd_.get(), EV_READ);
     timer_.set<session_handle_t, &session_handle_t::on_session_timer_event>(this);
     timer_.set(0.0, SESSION_PING_INTERVAL);
     timer_.again();
 }
 
 void MediaServer::session_handle_t::end_session() {
-    io_->stop();
+    io_.stop();
     timer_.stop();
     on_terminate_();
 }
@@ -143,8 +140,8 @@ void MediaServer::session_handle_t::on_session_timer_event(ev::timer& /*watcher*
                                                            int /*revents*/) {
     double now = ev_time();
     if (now - last_response_time_ <= SESSION_RESPONSE_TIMEOUT) {
-        set_write_interest(*io_, true);
-        io_->start();
+        set_write_interest(io_, true);
+        io_.start();
         timer_.again();
         return;
     }
