@@ -267,6 +267,17 @@ const Allowed kLeakChecker[] = {
 };
 #endif
 
+#ifdef SVC_COVERAGE_DIR
+// A coverage build writes its counts at exit into files it makes beside its objects (the file
+// system policy holds it to the build folder).
+const Allowed kCoverageCounts[] = {
+    {"open", {}},
+    {"openat", {}},
+    {"mkdir", {}},
+    {"mkdirat", {}},
+};
+#endif
+
 int add(scmp_filter_ctx filter, uint32_t action, const Allowed& call) {
     const int nr = seccomp_syscall_resolve_name(call.name);
     if (nr == __NR_SCMP_ERROR) {
@@ -307,6 +318,9 @@ int add_stage(scmp_filter_ctx filter, Stage stage) {
     }
 #if SVC_LEAK_CHECKER
     error = error != 0 ? error : allow(filter, kLeakChecker);
+#endif
+#ifdef SVC_COVERAGE_DIR
+    error = error != 0 ? error : allow(filter, kCoverageCounts);
 #endif
     // clone3 hides its flags in memory the filter cannot read: ENOSYS makes the C library fall
     // back to clone, whose flags are checked.
