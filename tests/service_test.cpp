@@ -278,21 +278,10 @@ struct Client : DecoderClient {
                     : connect_descriptor(daemon.socket_path(), memfd.get())) == ClientError::kOk;
     }
     bool init(const Clip& s, int w, int h) { return ok && set_up(*this, s, w, h, 0) == STATUS_OK; }
-    // Packets [from, to) of the clip: how many pictures, -1 on anything but pictures and requests
-    // for more data.
-    int decode(const Clip& s, size_t from, size_t to) {
-        int pictures = 0;
-        for (size_t i = from; i < std::min(to, s.packets.size()); ++i) {
-            const auto& p = s.packets[i];
-            ExchangeResult r{};
-            if (decode_frame(p.data.data(), p.data.size(), p.pts, &r, kLongWaitMs) !=
-                    ClientError::kOk ||
-                r.status == STATUS_FAILED) {
-                return -1;
-            }
-            pictures += r.status == STATUS_OK;
-        }
-        return pictures;
+    // Whether packets [from, to) of the clip give pictures, and every other answer asks for more.
+    bool decodes(const Clip& s, size_t from, size_t to) {
+        const Decoded d = decode_packets(*this, s, from, to);
+        return d.outputs > 0 && d.failures + d.unanswered == 0;
     }
     // Truncates the object to nothing; the client's own mapping is gone as well then.
     bool shrink() {
@@ -312,19 +301,19 @@ TEST(Shrink, TheClientIsDropped) {
     ASSERT_TRUE(daemon.start());
     Client bystander(daemon, true);
     ASSERT_TRUE(bystander.init(small(), 160, 120));
-    ASSERT_GT(bystander.decode(small(), 0, 10), 0);
+    ASSERT_TRUE(bystander.decodes(small(), 0, 10));
     const ProcStat before = proc_stat(daemon.pid());
     for (bool posix : {false, true}) {
         Client victim(daemon, posix);
         ASSERT_TRUE(victim.init(small(), 160, 120));
-        ASSERT_GT(victim.decode(small(), 0, 10), 0);
+        ASSERT_TRUE(victim.decodes(small(), 0, 10));
         ASSERT_TRUE(victim.shrink());
         EXPECT_EQ(victim.ring(), ClientError::kOk);
         EXPECT_EQ(victim.wait_sync(kLongWaitMs), ClientError::kDisconnected);
         EXPECT_TRUE(
             daemon.wait_log("shared memory block lost, dropping decoder client", 1 + posix));
     }
-    EXPECT_GT(bystander.decode(small(), 10, SIZE_MAX), 0);
+    EXPECT_TRUE(bystander.decodes(small(), 10, SIZE_MAX));
     EXPECT_TRUE(wait_until(kLongWaitMs, [&] { return proc_stat(daemon.pid()).fds == before.fds; }));
     EXPECT_EQ(proc_stat(daemon.pid()).threads, before.threads);
 }
@@ -355,7 +344,7 @@ TEST(Exhaustion, RefusesOrPausesAndRecovers) {
     Client working(daemon, true);
     // Decoding before the descriptors run out also fills a sanitizer build's type cache, whose
     // first check needs a pipe.
-    ASSERT_TRUE(working.init(small(), 160, 120) && working.decode(small(), 0, 10) > 0);
+    ASSERT_TRUE(working.init(small(), 160, 120) && working.decodes(small(), 0, 10));
     const ProcStat before = proc_stat(daemon.pid());
     ASSERT_EQ(prlimit(daemon.pid(), RLIMIT_NOFILE, nullptr, &files), 0);
     rlimit exhausted = files;
@@ -375,7 +364,7 @@ TEST(Exhaustion, RefusesOrPausesAndRecovers) {
     // A loop retrying accept at once would burn the whole two seconds.
     EXPECT_LT(proc_stat(daemon.pid()).cpu_s - cpu, 0.5);
     EXPECT_LT(daemon.count("media server accept failed"), 40u);
-    EXPECT_GT(working.decode(small(), 10, SIZE_MAX), 0);
+    EXPECT_TRUE(working.decodes(small(), 10, SIZE_MAX));
 
     ASSERT_EQ(prlimit(daemon.pid(), RLIMIT_NOFILE, &files, nullptr), 0);
     EXPECT_TRUE(wait_until(kLongWaitMs, [&] { return worker_pids(daemon.pid()).size() == 1 + 3; }));
@@ -408,32 +397,16 @@ TEST(MemoryBudget, AClientOverItGivesWayAndItsMemoryComesBack) {
     Oracle oracle;
     ASSERT_TRUE(fits.init(hd, 1920, 1080));
     ASSERT_TRUE(oracle.open_video(hd.info, 1920, 1080, 0, hd.info.extradata));
-    auto decode_hd = [&](size_t from, size_t to) {
-        for (size_t i = from; i < to; ++i) {
-            const auto& p = hd.packets[i];
-            ExchangeResult r{};
-            ASSERT_EQ(fits.decode_frame(p.data.data(), p.data.size(), p.pts, &r, kLongWaitMs),
-                      ClientError::kOk);
-            EXPECT_EQ(differs(r, fits.output(), oracle.decode(p.data, p.pts)), "")
-                << "packet " << i;
-        }
-    };
-    decode_hd(0, 4);
+    EXPECT_EQ(decode_packets(fits, hd, 0, 4, &oracle).unanswered, 0u);
     const long rss_before = service_rss_kb(daemon.pid());
 
     ASSERT_TRUE(over.init(greedy, 1920, 1080));
-    int pictures = 0, failed = 0;
-    for (const auto& p : greedy.packets) {
-        ExchangeResult r{};
-        ASSERT_EQ(over.decode_frame(p.data.data(), p.data.size(), p.pts, &r, kLongWaitMs),
-                  ClientError::kOk);
-        pictures += r.status == STATUS_OK;
-        failed += r.status == STATUS_FAILED;
-    }
-    EXPECT_GT(pictures, 0);
-    EXPECT_GT(failed, 0);
+    const Decoded over_budget = decode_packets(over, greedy);
+    EXPECT_GT(over_budget.outputs, 0u);
+    EXPECT_GT(over_budget.failures, 0u);
+    EXPECT_EQ(over_budget.unanswered, 0u);
     EXPECT_TRUE(log_has(daemon.log(), "ERROR", "memory budget exceeded: picture of"));
-    decode_hd(4, hd.packets.size());
+    EXPECT_EQ(decode_packets(fits, hd, 4, SIZE_MAX, &oracle).unanswered, 0u);
 
     // A setup that could never fit is refused before anything is allocated.
     DecoderClient huge;

@@ -17,7 +17,6 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <linux/perf_event.h>
 #include <sched.h>
 #include <signal.h>
 #include <stdint.h>
@@ -233,28 +232,10 @@ static int attack(const char* action) {
     } else if (strcmp(action, "io_uring") == 0) {
         char params[120] = {0};
         return result(syscall(SYS_io_uring_setup, 1, params));
-    } else if (strcmp(action, "bpf") == 0) {
-        char attr[128] = {0};
-        return result(syscall(SYS_bpf, 0 /* BPF_MAP_CREATE */, attr, sizeof(attr)));
-    } else if (strcmp(action, "userfaultfd") == 0) {
-        return result(syscall(SYS_userfaultfd, O_CLOEXEC));
-    } else if (strcmp(action, "perf_event_open") == 0) {
-        struct perf_event_attr attr;
-        memset(&attr, 0, sizeof(attr));
-        attr.type = PERF_TYPE_SOFTWARE;
-        attr.size = sizeof(attr);
-        attr.config = PERF_COUNT_SW_CPU_CLOCK;
-        return result(syscall(SYS_perf_event_open, &attr, 0, -1, -1, 0));
-    } else if (strcmp(action, "keyctl") == 0) {
-        return result(syscall(SYS_keyctl, 0 /* KEYCTL_GET_KEYRING_ID */, -4, 0));
     } else if (strcmp(action, "unshare") == 0) {
         return result(unshare(CLONE_NEWUSER));
     } else if (strcmp(action, "mount") == 0) {
         return result(mount("none", "/mnt", "tmpfs", 0, NULL));
-    } else if (strcmp(action, "init_module") == 0) {
-        return result(syscall(SYS_finit_module, -1, "", 0));
-    } else if (strcmp(action, "kexec_load") == 0) {
-        return result(syscall(SYS_kexec_load, 0, 0, NULL, 0));
     }
     return attack_more(action);
 }

@@ -4,20 +4,16 @@
 // - sysconf(_SC_PHYS_PAGES): with SVC_TEST_MEMORY set, the host has that many bytes of memory, so
 //   that a test gets a small memory budget wherever it runs (a cgroup limit below it would still
 //   count, but no test machine has one that small).
-// - syslog(): with SVC_TEST_SYSLOG set, each line goes to standard error instead (the daemon's log
-//   in the tests), as "syslog: <priority> <text>\n" in one write, so that a test can read what the
-//   system log would have received.
-// - sd_journal_sendv(): with SVC_TEST_JOURNAL set, the journal runs: each entry goes to standard
-//   error the same way, its other fields after the message, each behind a tab:
-//   "syslog: <PRIORITY> <MESSAGE>\tCLIENT=7\tCODEC=h264\n". Without it the real journal is
-//   asked, and the syslog() hook sees what the service writes where it is absent.
+// - sd_journal_sendv(): with SVC_TEST_JOURNAL set, the journal runs, and each entry goes to
+//   standard error instead (the daemon's log in the tests) in one write, its other fields after the
+//   message, each behind a tab: "syslog: <PRIORITY> <MESSAGE>\tCLIENT=7\tCODEC=h264\n", so that a
+//   test can read what the journal would have received. Without it the real journal is asked.
 
 #ifndef _GNU_SOURCE
 #define _GNU_SOURCE
 #endif
 
 #include <dlfcn.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -34,43 +30,6 @@ long sysconf(int name) {
         return (long)(strtoll(memory, NULL, 10) / real(_SC_PAGESIZE));
     }
     return real(name);
-}
-
-static void svc_hook_syslog(int priority, const char* format, va_list args) {
-    const char* copy = getenv("SVC_TEST_SYSLOG");
-    if (copy == NULL || copy[0] == '\0') {
-        void (*real)(int, const char*, va_list) =
-            (void (*)(int, const char*, va_list))dlsym(RTLD_NEXT, "vsyslog");
-        if (real != NULL) {
-            real(priority, format, args);
-        }
-        return;
-    }
-    char line[1024];
-    int n = snprintf(line, sizeof(line), "syslog: %d ", priority);
-    n += vsnprintf(line + n, sizeof(line) - (size_t)n - 1, format, args);
-    if (n > (int)sizeof(line) - 2) {
-        n = (int)sizeof(line) - 2;
-    }
-    line[n] = '\n';
-    ssize_t written = write(STDERR_FILENO, line, (size_t)n + 1);
-    (void)written;
-}
-
-void syslog(int priority, const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    svc_hook_syslog(priority, format, args);
-    va_end(args);
-}
-
-// What a caller built with _FORTIFY_SOURCE calls instead.
-void __syslog_chk(int priority, int flag, const char* format, ...) {
-    (void)flag;
-    va_list args;
-    va_start(args, format);
-    svc_hook_syslog(priority, format, args);
-    va_end(args);
 }
 
 // The field `name` of an entry ("PRIORITY="), its value; NULL when the entry has none.

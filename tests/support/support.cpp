@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -438,6 +439,26 @@ int32_t set_up(mediaclient::DecoderClient& c, const Clip& s, int a, int b, int f
                      : c.init_audio(s.codec_index(), mediatools::audio_init_params(s.info, a, b, f),
                                     bytes, size, &r, 60000);
     return e == mediaclient::ClientError::kOk ? r.status : STATUS_FAILED;
+}
+
+Decoded decode_packets(mediaclient::DecoderClient& c, const Clip& s, size_t from, size_t to,
+                       Oracle* oracle) {
+    Decoded d;
+    for (size_t i = from; i < std::min(to, s.packets.size()); ++i) {
+        const auto& p = s.packets[i];
+        ExchangeResult r{};
+        if (c.decode_frame(p.data.data(), p.data.size(), p.pts, &r, 60000) !=
+            mediaclient::ClientError::kOk) {
+            ++d.unanswered;
+            continue;
+        }
+        if (oracle != nullptr) {
+            EXPECT_EQ(differs(r, c.output(), oracle->decode(p.data, p.pts)), "") << "packet " << i;
+        }
+        d.outputs += r.status == STATUS_OK && r.output_size > 0;
+        d.failures += r.status == STATUS_FAILED;
+    }
+    return d;
 }
 
 bool have_encoder(const std::string& encoder) {

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <string>
@@ -63,7 +64,7 @@ class Daemon {
     const std::string& runtime_dir() const { return runtime_dir_; }
     std::string socket_path() const;
     std::string log() const;
-    // What the daemon sent to the system log, when SVC_TEST_SYSLOG copies it into its log.
+    // What the daemon sent to the journal, when SVC_TEST_JOURNAL copies it into its log.
     std::string system_log() const;
     size_t count(const std::string& needle) const;
     bool wait_log(const std::string& needle, size_t occurrences = 1, int timeout_ms = 10000) const;
@@ -147,6 +148,15 @@ SVC_LIVES_ON const Clip& clip(const std::string& file, const std::string& args, 
 // The answer's status; STATUS_FAILED when none came.
 int32_t set_up(mediaclient::DecoderClient& c, const Clip& s, int a, int b, int f,
                bool config = true);
+
+// Packets [from, to) of the clip (at most to its end) through `c` with their own timestamps, each
+// answer compared with the oracle's where one is given: the answers with output, the failed ones,
+// and the requests that got no answer.
+struct Decoded {
+    size_t outputs = 0, failures = 0, unanswered = 0;
+};
+Decoded decode_packets(mediaclient::DecoderClient& c, const Clip& s, size_t from = 0,
+                       size_t to = SIZE_MAX, Oracle* oracle = nullptr);
 
 // Whether the ffmpeg command line here has the encoder: it uses the FFmpeg libraries the tests do.
 bool have_encoder(const std::string& encoder);
