@@ -398,7 +398,7 @@ TEST(MemoryBudget, AClientOverItGivesWayAndItsMemoryComesBack) {
     ASSERT_TRUE(fits.init(hd, 1920, 1080));
     ASSERT_TRUE(oracle.open_video(hd.info, 1920, 1080, 0, hd.info.extradata));
     EXPECT_EQ(decode_packets(fits, hd, 0, 4, &oracle).unanswered, 0u);
-    const long rss_before = service_rss_kb(daemon.pid());
+    const long rss_before = service_stat(daemon.pid()).rss_kb;
 
     ASSERT_TRUE(over.init(greedy, 1920, 1080));
     const Decoded over_budget = decode_packets(over, greedy);
@@ -420,7 +420,7 @@ TEST(MemoryBudget, AClientOverItGivesWayAndItsMemoryComesBack) {
     over.close();
     EXPECT_TRUE(daemon.wait_log("the decoder held at most"));
     if (sizeof(SVC_SANITIZER) == 1) {  // sanitizers keep freed memory in quarantine
-        EXPECT_LT(service_rss_kb(daemon.pid()), rss_before + 16 * 1024);
+        EXPECT_LT(service_stat(daemon.pid()).rss_kb, rss_before + 16 * 1024);
     }
 }
 

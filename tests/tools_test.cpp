@@ -58,11 +58,10 @@ class Tools : public ::testing::Test {
             return waitpid(-1, nullptr, WNOHANG) < 0;
         }));
     }
-    // The exit status; the standard streams in out and err.
+    // The exit status of `tool` with `args`; the standard streams in out and err.
     int run(const std::string& args) {
-        const int status = system(("timeout 60 " MEDIA_DECODE_BIN " " + args + " >" + dir.path +
-                                   "/out 2>" + dir.path + "/err")
-                                      .c_str());
+        const int status =
+            system((tool + " " + args + " >" + dir.path + "/out 2>" + dir.path + "/err").c_str());
         out = read_file(dir.path + "/out");
         err = read_file(dir.path + "/err");
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -98,6 +97,7 @@ class Tools : public ::testing::Test {
         return ok ? bytes : "exit status " + std::to_string(status);
     }
 
+    std::string tool = "timeout 60 " MEDIA_DECODE_BIN;
     TempDir dir;
     const std::string socket = "--socket " + dir.path + SOCKET_PATH_IN_RUNTIME_DIR + " ";
     std::string out, err;
@@ -248,22 +248,9 @@ TEST_F(Tools, ErrorsAreOneLineAndNonZero) {
     }
 }
 
-std::string command_output(const std::string& command) {
-    std::string out;
-    FILE* pipe = popen(command.c_str(), "r");
-    char buffer[4096];
-    for (size_t n; pipe != nullptr && (n = fread(buffer, 1, sizeof(buffer), pipe)) > 0;) {
-        out.append(buffer, n);
-    }
-    if (pipe != nullptr) {
-        pclose(pipe);
-    }
-    return out;
-}
-
 // media-probe, confined as a worker opening its devices, reports each device that opens with its
 // driver in the driver's words, as text and as JSON: the virtual VDPAU stack's here.
-TEST(Probe, ReportsTheDriverOfWhatAConfinedWorkerOpens) {
+TEST_F(Tools, ProbeReportsTheDriverOfWhatAConfinedWorkerOpens) {
     if (!have_virtual_vdpau()) {
         ASSERT_EQ(getenv("SVC_REQUIRE_VDPAU"), nullptr) << "no Xvfb or VDPAU va_gl driver";
         GTEST_SKIP() << "no Xvfb or VDPAU va_gl driver";
@@ -272,15 +259,15 @@ TEST(Probe, ReportsTheDriverOfWhatAConfinedWorkerOpens) {
     ASSERT_FALSE(display.name().empty()) << "Xvfb did not start";
     // Confined, a sanitizer's leak check at exit cannot read its suppressions of the driver's own
     // leaks: the probe's memory errors are still checked, its leaks are not.
-    const std::string probe =
-        "DISPLAY=" + display.name() +
-        " VDPAU_DRIVER=va_gl ASAN_OPTIONS=detect_leaks=0 timeout 60 " MEDIA_PROBE_BIN;
+    tool = "DISPLAY=" + display.name() +
+           " VDPAU_DRIVER=va_gl ASAN_OPTIONS=detect_leaks=0 timeout 60 " MEDIA_PROBE_BIN;
     const std::string driver = "OpenGL/VAAPI backend for VDPAU, VDPAU API 1";
-    const std::string text = command_output(probe + " 2>/dev/null");
-    EXPECT_EQ(text.rfind("probed as a confined decoder worker opens its devices\n", 0), 0u) << text;
-    EXPECT_NE(text.find("\n  vdpau  opens (default device): " + driver + "\n"), std::string::npos)
-        << text;
-    const std::string json = command_output(probe + " --json 2>/dev/null");
+    ASSERT_EQ(run(""), 0) << err;
+    EXPECT_EQ(out.rfind("probed as a confined decoder worker opens its devices\n", 0), 0u) << out;
+    EXPECT_NE(out.find("\n  vdpau  opens (default device): " + driver + "\n"), std::string::npos)
+        << out;
+    ASSERT_EQ(run("--json"), 0) << err;
+    const std::string json = out;
     EXPECT_EQ(json.rfind("{\n  \"confined\": true,\n", 0), 0u) << json;
     EXPECT_NE(json.find("{\"type\": \"vdpau\", \"known\": true, \"opens\": true, \"driver\": \"" +
                         driver + "\", \"error\": \"\"}"),

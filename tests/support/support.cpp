@@ -232,14 +232,6 @@ std::vector<pid_t> worker_pids(pid_t pid) {
     return pids;
 }
 
-long service_rss_kb(pid_t pid) {
-    long kb = proc_stat(pid).rss_kb;
-    for (pid_t worker : worker_pids(pid)) {
-        kb += proc_stat(worker).rss_kb;
-    }
-    return kb;
-}
-
 std::vector<std::string> worker_names(pid_t pid) {
     std::vector<std::string> names;
     for (pid_t worker : worker_pids(pid)) {

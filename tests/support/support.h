@@ -32,6 +32,7 @@ struct TempDir {
 
 using mediatools::proc_stat;
 using mediatools::ProcStat;
+using mediatools::service_stat;
 
 // The real media-service binary with the test hooks preloaded (daemon() keeps it in the
 // foreground with its standard streams; memfds stand in for ashmem regions), in a private runtime
@@ -91,8 +92,6 @@ class Daemon {
 // The daemon's decoder workers: its child processes, and their names (/proc/PID/comm).
 std::vector<pid_t> worker_pids(pid_t pid);
 std::vector<std::string> worker_names(pid_t pid);
-// The resident memory of the daemon and its workers.
-long service_rss_kb(pid_t pid);
 
 // An X server of the test's own (Xvfb, on a display number it picks), for the VDPAU stack that
 // runs without a GPU: libvdpau with the VA-API/OpenGL driver. Stopped on destruction.
