@@ -208,8 +208,6 @@ static int attack(const char* action) {
         return open_home("secret", O_RDONLY);
     } else if (strcmp(action, "home-create") == 0) {
         return open_home("created", O_WRONLY | O_CREAT);
-    } else if (strcmp(action, "tmp-create") == 0) {
-        return result(open("/tmp/svc-attacker-file", O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
     } else if (strcmp(action, "var-read") == 0) {
         return result(open("/var/lib/dpkg/status", O_RDONLY | O_CLOEXEC));
     } else if (strcmp(action, "ptrace") == 0) {

@@ -32,7 +32,6 @@ struct TempDir {
 
 using mediatools::proc_stat;
 using mediatools::ProcStat;
-using mediatools::service_stat;
 
 // The real media-service binary with the test hooks preloaded (daemon() keeps it in the
 // foreground with its standard streams; memfds stand in for ashmem regions), in a private runtime
