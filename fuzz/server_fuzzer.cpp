@@ -108,15 +108,6 @@ bool read_request(FuzzReader& in, uint8_t* block) {
     return true;
 }
 
-// A memfd of `size` bytes; aborts on failure (nothing can be fuzzed without it).
-int make_memfd(size_t size) {
-    int fd = memfd_create("svc-fuzz", MFD_CLOEXEC);
-    if (fd < 0 || ftruncate(fd, static_cast<off_t>(size)) != 0) {
-        abort();
-    }
-    return fd;
-}
-
 char socket_dir[] = "/tmp/svc-fuzz-XXXXXX";
 
 std::string socket_path() {
@@ -130,20 +121,24 @@ void remove_files() {
 }
 
 int open_fd(char kind) {
-    int pipe_fds[2];
+    int fds[2];
     switch (kind) {
         case 'B':
-            return make_memfd(SHM_BLOCK_SIZE);
-        case 's':
-            return make_memfd(4096);
+        case 's': {
+            const int fd = memfd_create("svc-fuzz", MFD_CLOEXEC);
+            if (fd < 0 || ftruncate(fd, kind == 'B' ? SHM_BLOCK_SIZE : 4096) != 0) {
+                abort();  // nothing can be fuzzed without it
+            }
+            return fd;
+        }
         case 'S':
             return shm_open(kShmName, O_RDWR | O_CLOEXEC, 0);
         case 'p':
-            if (pipe2(pipe_fds, O_CLOEXEC) != 0) {
+            if (pipe2(fds, O_CLOEXEC) != 0) {
                 abort();
             }
-            close(pipe_fds[1]);
-            return pipe_fds[0];
+            close(fds[1]);
+            return fds[0];
         default:
             return open("/dev/null", O_RDWR | O_CLOEXEC);
     }

@@ -77,11 +77,6 @@ class Requests : public ::testing::Test {
     bool init(const Clip& s) {
         return (s.info.video ? set_up(c, s, 64, 48, 0) : set_up(c, s, 1, 2, 44100)) == STATUS_OK;
     }
-    // The worker has ended: a doorbell gets no sync msg.
-    bool worker_ended() {
-        return c.write_request_type(REQUEST_FLUSH) == ClientError::kOk &&
-               c.call(300) == ClientError::kTimeout;
-    }
     // A new connection for `c`, after a request that ended its worker.
     void reconnect() {
         c.close();
@@ -170,13 +165,9 @@ TEST(OutputClear, PastThePictureTheAreaReadsZero) {
             }
             uint8_t* out = c.block() + SHM_OUTPUT_OFFSET;
             memset(out, 0xa5, SHM_AREA_SIZE);
-            ExchangeResult r{};
-            for (size_t i = 0; i < s.packets.size() && r.output_size == 0; ++i) {
-                const auto& p = s.packets[i].data;
-                ASSERT_EQ(c.decode_frame(p.data(), p.size(), 0, &r, kWaitMs), ClientError::kOk);
-            }
+            EXPECT_GT(decode_packets(c, s).outputs, 0u);
             const uint32_t size = w * h * 3 / 2;
-            ASSERT_EQ(r.output_size, size);
+            ASSERT_EQ(c.result().output_size, size);
             EXPECT_FALSE(std::all_of(out, out + size, [](uint8_t b) { return b == 0xa5; }));
             EXPECT_EQ(std::count(out + size, out + SHM_AREA_SIZE, 0), SHM_AREA_SIZE - size);
         }
@@ -427,7 +418,9 @@ TEST_F(Requests, EndingRequests) {
                   ClientError::kOk);
         EXPECT_TRUE(same(call(c.write_request_type(e.type)), kMarker));
         EXPECT_TRUE(log_has(daemon.log(), e.level, e.line));
-        EXPECT_TRUE(worker_ended());
+        // The worker has ended: a doorbell gets no sync msg.
+        ASSERT_EQ(c.write_request_type(REQUEST_FLUSH), ClientError::kOk);
+        EXPECT_EQ(c.call(300), ClientError::kTimeout);
         ASSERT_TRUE(daemon.barrier());
         EXPECT_FALSE(wait_closed(c.fd(), 0));
         reconnect();
@@ -461,8 +454,8 @@ TEST_F(Requests, EveryCodecRowIsFFmpegsCodec) {
             EXPECT_EQ(r.status, refused.count(names[row]) ? STATUS_FAILED : STATUS_OK);
             if (refused.count(names[row])) {  // the failed init ended the worker
                 EXPECT_EQ(c.flush(300), ClientError::kTimeout);
-                DecoderClientSeam::check_requests(
-                    c, true);  // the library knows, and says so without waiting
+                // The library knows, and says so without waiting.
+                DecoderClientSeam::check_requests(c, true);
                 EXPECT_EQ(c.flush(kWaitMs), ClientError::kDisconnected);
                 EXPECT_EQ(c.last_error_text(),
                           "flush: the service ended this connection's decoder when its init "

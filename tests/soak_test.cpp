@@ -34,15 +34,6 @@ constexpr int kClients = 32;
 
 enum class Part { kWhole, kLeavesInFlight, kKilledInFlight };
 
-std::vector<const Clip*> streams() {
-    const std::string video = "-f lavfi -i testsrc=size=320x240 -frames:v 50 ";
-    const std::string audio = "-f lavfi -i sine=sample_rate=44100:d=2 -ac 2 ";
-    return {&clip("soak.h264", video + "-c:v libx264 -g 10"),
-            &clip("soak.avi", video + "-c:v mpeg4 -g 10"),
-            &clip("soak.m4a", audio + "-c:a aac", false),
-            &clip("soak.mp3", audio + "-c:a libmp3lame", false)};
-}
-
 // One decoder client, in a child process: its exit status is 0 unless something went wrong, which
 // it says on standard error. A type 3 client gets `shm_name` (the driver unlinks it: a killed
 // client cannot). Leaving or killed, it goes with packet `cut` in flight.
@@ -77,7 +68,12 @@ int run_client(const std::string& socket, const Clip& s, Part part, const std::s
 
 // Round `r` of `clients` clients; how many did not end as their part says.
 int run_round(const Daemon& daemon, int r, int clients) {
-    static const std::vector<const Clip*> clips = streams();
+    const std::string video = "-f lavfi -i testsrc=size=320x240 -frames:v 50 ";
+    const std::string audio = "-f lavfi -i sine=sample_rate=44100:d=2 -ac 2 ";
+    const std::vector<const Clip*> clips = {&clip("soak.h264", video + "-c:v libx264 -g 10"),
+                                            &clip("soak.avi", video + "-c:v mpeg4 -g 10"),
+                                            &clip("soak.m4a", audio + "-c:a aac", false),
+                                            &clip("soak.mp3", audio + "-c:a libmp3lame", false)};
     std::map<pid_t, std::pair<std::string, Part>> children;  // a type 3 client's object, its part
     for (int i = 0; i < clients; ++i) {
         const Clip& s = *clips[size_t(i + r) % clips.size()];

@@ -66,35 +66,20 @@ class Tools : public ::testing::Test {
         err = read_file(dir.path + "/err");
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
-    // A run in the background, its standard output in a pipe whose reading end comes back in
-    // `*fd`: a run that writes pictures there stops once the pipe is full, until the test reads.
-    pid_t start(const std::string& args, int* fd) {
-        int fds[2];
-        if (pipe2(fds, O_CLOEXEC) != 0) {
-            return -1;
-        }
-        const std::string command = "exec " MEDIA_DECODE_BIN " " + args + " 2>/dev/null";
-        const pid_t pid = fork();
-        if (pid == 0) {
-            dup2(fds[1], STDOUT_FILENO);
-            execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
-            _exit(127);
-        }
-        close(fds[1]);
-        *fd = fds[0];
-        return pid;
+    // A run in the background, its standard output in a pipe: a run that writes pictures there
+    // stops once the pipe is full, until the test reads.
+    FILE* start(const std::string& args) {
+        return popen(("exec " MEDIA_DECODE_BIN " " + args + " 2>/dev/null").c_str(), "r");
     }
     // Everything the run writes, up to its end; a note of its status instead unless that is 0.
-    std::string finish(pid_t pid, int fd) {
+    std::string finish(FILE* run) {
         std::string bytes;
         char buffer[65536];
-        for (ssize_t n; (n = read(fd, buffer, sizeof(buffer))) > 0;) {
-            bytes.append(buffer, static_cast<size_t>(n));
+        for (size_t n; run != nullptr && (n = fread(buffer, 1, sizeof(buffer), run)) > 0;) {
+            bytes.append(buffer, n);
         }
-        close(fd);
-        int status = -1;
-        const bool ok = pid > 0 && waitpid(pid, &status, 0) == pid && status == 0;
-        return ok ? bytes : "exit status " + std::to_string(status);
+        const int status = run != nullptr ? pclose(run) : -1;
+        return status == 0 ? bytes : "exit status " + std::to_string(status);
     }
 
     std::string tool = "timeout 60 " MEDIA_DECODE_BIN;
@@ -161,26 +146,25 @@ TEST_F(Tools, RunsShareOneServiceAndLeaveNoneBehind) {
     const std::string path = dir.path + SOCKET_PATH_IN_RUNTIME_DIR;
     ASSERT_EQ(run("--in-process -o - -q " + video.path), 0) << err;
     const std::string pictures = out;
-    int a_out = -1, c_out = -1;
-    const pid_t a = start(socket + "-o - -q " + video.path, &a_out);
+    FILE* a = start(socket + "-o - -q " + video.path);
     ASSERT_TRUE(wait_until(10000, [&] { return mediaclient::listener_pid(path) > 0; }));
     const pid_t service = mediaclient::listener_pid(path);
     ASSERT_EQ(run(socket + "-o - -q " + video.path), 0) << err;
     EXPECT_EQ(out, pictures);
-    const pid_t c = start(socket + "-o - -q " + video.path, &c_out);
-    pollfd written{c_out, POLLIN, 0};
+    FILE* c = start(socket + "-o - -q " + video.path);
+    pollfd written{c != nullptr ? fileno(c) : -1, POLLIN, 0};
     ASSERT_EQ(poll(&written, 1, 10000), 1) << "C's run has no service";
-    EXPECT_EQ(finish(a, a_out), pictures);
+    EXPECT_EQ(finish(a), pictures);
     EXPECT_EQ(mediaclient::listener_pid(path), service);
-    EXPECT_EQ(finish(c, c_out), pictures);
+    EXPECT_EQ(finish(c), pictures);
     EXPECT_TRUE(wait_until(10000, [&] { return mediaclient::listener_pid(path) < 0; }));
 
-    std::vector<std::pair<pid_t, int>> runs(4);
-    for (auto& [pid, fd] : runs) {
-        pid = start(socket + "-o - -q " + video.path, &fd);
+    std::vector<FILE*> runs(4);
+    for (FILE*& run : runs) {
+        run = start(socket + "-o - -q " + video.path);
     }
-    for (auto [pid, fd] : runs) {
-        EXPECT_EQ(finish(pid, fd), pictures);
+    for (FILE* run : runs) {
+        EXPECT_EQ(finish(run), pictures);
     }
     EXPECT_TRUE(wait_until(10000, [&] { return mediaclient::listener_pid(path) < 0; }));
 

@@ -10,12 +10,6 @@ namespace {
 constexpr size_t kOutputArea = 16 << 20;
 constexpr int32_t kNeedMoreData = 1, kFailed = -1;
 
-Expected answer(int32_t status) {
-    Expected e;
-    e.status = status;
-    return e;
-}
-
 // A format number as FFmpeg gets it: outside the enumeration, just past its nearer end.
 int clamp(int value, int count) {
     return value < -1 ? -2 : value >= count ? count : value;
@@ -80,14 +74,14 @@ Expected Oracle::decode(const std::vector<uint8_t>& packet, int64_t pts) {
     packet_->size = int(packet.size());
     packet_->pts = pts;
     if (avcodec_send_packet(ctx_, packet_) < 0) {
-        return answer(kFailed);
+        return Expected{kFailed};
     }
     const int ret = avcodec_receive_frame(ctx_, frame_);
     if (ret == AVERROR(EAGAIN) || ret == AVERROR_EOF) {
-        return answer(kNeedMoreData);
+        return Expected{kNeedMoreData};
     }
     if (ret < 0) {
-        return answer(kFailed);
+        return Expected{kFailed};
     }
     Expected e = ctx_->codec_type == AVMEDIA_TYPE_VIDEO ? picture() : samples(pts);
     av_frame_unref(frame_);
@@ -108,7 +102,7 @@ Expected Oracle::picture() {
         av_frame_get_buffer(out, 0) < 0) {
         sws_freeContext(sws);
         av_frame_free(&out);
-        return answer(kFailed);
+        return Expected{kFailed};
     }
     sws_scale(sws, frame_->data, frame_->linesize, 0, frame_->height, out->data, out->linesize);
     sws_freeContext(sws);
@@ -154,7 +148,7 @@ Expected Oracle::samples(int64_t pts) {
     const size_t stride = size_t((count + 31) / 32 * 32) * size_t(bytes) * (planar ? 1 : channels_);
     const int planes = planar ? channels_ : 1;
     if (!update_resampler() || bytes == 0 || stride * size_t(planes) > kOutputArea) {
-        return answer(kFailed);
+        return Expected{kFailed};
     }
     std::vector<uint8_t> area(stride * size_t(planes));
     std::vector<uint8_t*> pointers(static_cast<size_t>(planes));
@@ -164,7 +158,7 @@ Expected Oracle::samples(int64_t pts) {
     const int n = swr_convert(swr_, pointers.data(), count,
                               const_cast<const uint8_t**>(frame_->extended_data), count);
     if (n < 0) {
-        return answer(kFailed);
+        return Expected{kFailed};
     }
     Expected e;
     e.size = uint32_t(n * channels_ * bytes);

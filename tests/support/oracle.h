@@ -22,6 +22,9 @@ struct SwrContext;
 
 // One answer: its result and the bytes it delivered, planes gathered.
 struct Expected {
+    Expected() = default;
+    explicit Expected(int32_t answer_status) : status(answer_status) {}
+
     int32_t status = 0;
     uint32_t size = 0;
     int64_t pts = 0;
