@@ -268,11 +268,13 @@ const Allowed kLeakChecker[] = {
 #endif
 
 #ifdef SVC_COVERAGE_DIR
-// A coverage build writes its counts at exit into files it makes beside its objects (the file
-// system policy holds it to the build folder).
+// A coverage build writes its counts at exit into files it makes beside its objects: opens that
+// create or truncate (the file system policy holds them to the build folder), never a handle
+// without access or an unnamed file.
+constexpr uint64_t kCountsOpen = kCreatingOpen & ~uint64_t(O_CREAT | O_TRUNC);
 const Allowed kCoverageCounts[] = {
-    {"open", {}},
-    {"openat", {}},
+    {"open", {{1, kCountsOpen, 0}}},
+    {"openat", {{2, kCountsOpen, 0}}},
     {"mkdir", {}},
     {"mkdirat", {}},
 };
