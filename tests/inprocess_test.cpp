@@ -3,8 +3,6 @@
 // devices and stands in for each candidate's decode; software always decodes for real), the
 // surface-format pick, and a block that cannot be mapped.
 
-#include <unistd.h>
-
 #include <algorithm>
 
 #include <gtest/gtest.h>

@@ -7,7 +7,6 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -150,8 +149,6 @@ TEST_P(Stop, EndsInOrderWithStatusZero) {
         ASSERT_EQ(session.connect(daemon.socket_path()), ClientError::kOk);
         if (how == "SessionStopsAnswering") {
             ASSERT_EQ(session.respond(), ClientError::kOk);
-            UniqueFd null_fd(open("/dev/null", O_RDONLY | O_CLOEXEC));
-            EXPECT_TRUE(refused(daemon, CLIENT_TYPE_SESSION, {null_fd.get()}));
             SessionClient second;
             EXPECT_EQ(second.connect(daemon.socket_path()), ClientError::kOk);
             EXPECT_EQ(second.start_answering(), ClientError::kDisconnected);
@@ -159,7 +156,6 @@ TEST_P(Stop, EndsInOrderWithStatusZero) {
                       "start answering pings: the service has closed the connection: it refused "
                       "the registration (a service serves one session client and has one already; "
                       "its log says why)");
-            EXPECT_TRUE(daemon.wait_log("client already registered", 2));
             EXPECT_TRUE(log_has(daemon.log(), "WARN", "client already registered"));
         }
         while (session.answer_ping(kLongWaitMs, false) == ClientError::kOk) {
@@ -208,6 +204,7 @@ class Teardown : public ::testing::TestWithParam<int> {};
 TEST_P(Teardown, ClosesEveryConnectionAfterItsWorker) {
     const int stop = GetParam();  // the signal, or 0: the session client leaves
     Daemon daemon;
+    daemon.options().env["SVC_TEST_STOP_AT_UNMAP"] = std::to_string(SHM_BLOCK_SIZE);
     ASSERT_TRUE(daemon.start());
     SessionClient session;
     ASSERT_EQ(session.connect(daemon.socket_path()), ClientError::kOk);
@@ -240,13 +237,26 @@ TEST_P(Teardown, ClosesEveryConnectionAfterItsWorker) {
         daemon.signal(stop);
     }
     daemon.signal(SIGCONT);
-    // Every connection closes: each decoder client's by its worker, after the worker released the
-    // block (also the busy one's, whose request the stop lets finish); the session's and the
-    // pending one by the accepting process, before it exits.
+    // Each worker (the late ones too) stops itself as it unmaps its client's block, which it does
+    // before it lets the client's connection go; the busy one after the request the stop lets
+    // finish.
+    const auto stopped = [&] {
+        size_t n = 0;
+        for (pid_t worker : worker_pids(daemon.pid())) {
+            n += proc_stat(worker).state == 'T';
+        }
+        return n == 4;
+    };
+    ASSERT_TRUE(wait_until(kWaitMs, stopped));
+    EXPECT_FALSE(wait_closed(idle.fd(), 0));
+    EXPECT_FALSE(wait_closed(busy.fd(), 0));
+    for (pid_t worker : worker_pids(daemon.pid())) {
+        kill(worker, SIGCONT);
+    }
+    // Every connection closes: each decoder client's by its worker; the session's and the pending
+    // one by the accepting process, before it exits.
     EXPECT_TRUE(wait_closed(idle.fd(), kWaitMs));
     EXPECT_TRUE(wait_closed(busy.fd(), kWaitMs));
-    // Each worker wrote its unmapping line before it let its client's connection go.
-    EXPECT_GE(daemon.count(kUnmap), 2u);
     // Told to end at once, the workers are done long before the teardown's bound of 10 s.
     EXPECT_EQ(daemon.wait_exit(5000), 0);
     EXPECT_TRUE(stop == 0 || wait_closed(session.fd(), 0));

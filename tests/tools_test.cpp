@@ -2,12 +2,12 @@
 // directory. The test process is a subreaper, so each daemon (orphaned by its own daemon() fork)
 // and each run's session keeper are reaped here once they end.
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <regex>
 #include <sstream>
 #include <string>

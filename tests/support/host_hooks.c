@@ -8,6 +8,9 @@
 //   standard error instead (the daemon's log in the tests) in one write, its other fields after the
 //   message, each behind a tab: "syslog: <PRIORITY> <MESSAGE>\tCLIENT=7\tCODEC=h264\n", so that a
 //   test can read what the journal would have received. Without it the real journal is asked.
+// - munmap(): with SVC_TEST_STOP_AT_UNMAP=<length> set, a process stops itself (SIGSTOP) before it
+//   unmaps a mapping of that length, so that a test sees what it had done before, until it sends
+//   SIGCONT.
 
 #ifndef _GNU_SOURCE
 #define _GNU_SOURCE
@@ -17,6 +20,8 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <signal.h>
+#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -72,4 +77,12 @@ int sd_journal_sendv(const struct iovec* iov, int n) {
     ssize_t written = write(STDERR_FILENO, line, (size_t)used + 1);
     (void)written;
     return 0;
+}
+
+int munmap(void* addr, size_t length) {
+    const char* stop_at = getenv("SVC_TEST_STOP_AT_UNMAP");
+    if (stop_at != NULL && stop_at[0] != '\0' && strtoull(stop_at, NULL, 10) == length) {
+        raise(SIGSTOP);
+    }
+    return (int)syscall(SYS_munmap, addr, length);
 }

@@ -1,6 +1,5 @@
 #include "support/support.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
