@@ -272,24 +272,17 @@ void MediaCodec::reset(const Setup& output) {
 }
 
 bool MediaCodec::init(const Setup& setup) {
-    if (setup.media_type == MEDIA_TYPE_VIDEO) {
-        media_type_ = MEDIA_TYPE_VIDEO;
-        if (setup.codec_id == AV_CODEC_ID_NONE) {
-            LOGE("unknown video codec specified");
-            return false;
-        }
-        return init_video(setup);
+    if (setup.media_type != MEDIA_TYPE_VIDEO && setup.media_type != MEDIA_TYPE_AUDIO) {
+        LOGW("unknown media type specified, initialization failed");
+        return false;
     }
-    if (setup.media_type == MEDIA_TYPE_AUDIO) {
-        media_type_ = MEDIA_TYPE_AUDIO;
-        if (setup.codec_id == AV_CODEC_ID_NONE) {
-            LOGE("unknown audio codec specified");
-            return false;
-        }
-        return init_audio(setup);
+    const bool video = setup.media_type == MEDIA_TYPE_VIDEO;
+    media_type_ = setup.media_type;
+    if (setup.codec_id == AV_CODEC_ID_NONE) {
+        LOGE("%s", video ? "unknown video codec specified" : "unknown audio codec specified");
+        return false;
     }
-    LOGW("unknown media type specified, initialization failed");
-    return false;
+    return video ? init_video(setup) : init_audio(setup);
 }
 
 void MediaCodec::destroy_context() {
